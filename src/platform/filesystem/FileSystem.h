@@ -1,0 +1,40 @@
+// File-system questions that Daskel's components ask: home directory, existence, directory
+// creation, and the relationship of a directory to an item.
+//
+// THREADING NOTES: free functions without shared state; safe from any thread.
+#pragma once
+
+#include <string>
+
+#include "platform/url/Url.h"
+#include "platform/value/Result.h"
+
+namespace daskel::platform {
+
+// $HOME, or the password database's entry for the current user when HOME is unset.
+std::string homeDirectory();
+// True when anything exists at `path` (file, directory, or other), without following a final
+// symbolic link's absence.
+bool fileExistsAtPath(const std::string& path);
+// Creates `path` and every missing parent with default attributes (0777 & ~umask).
+Result<void> createDirectoryAtPath(const std::string& path);
+// `base` + "/" + `component` (no doubled separator).
+std::string appendingPathComponent(const std::string& base, const std::string& component);
+
+enum class DirectoryRelationship { Contains, Same, Other };
+
+// Compares file-system objects: each side's longest existing prefix is resolved with symbolic
+// links followed; the rest (which need not exist yet) is appended with "." and ".." removed;
+// trailing separators are ignored. A symbolic link inside the directory pointing outside is
+// therefore not Contains, and neither is "dir/../..". Fails when a side is not a file URL or
+// its existing prefix cannot be resolved (permissions, a loop).
+Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory, const Url& item);
+
+inline constexpr char kPosixErrorDomain[] = "posix";
+inline constexpr char kPosixErrorPathKey[] = "path";
+
+// An error in the POSIX domain ("posix"), code errno, with the errno
+// text and the path under "path".
+ErrorPtr posixError(int errorNumber, const std::string& what, const std::string& path);
+
+}  // namespace daskel::platform
