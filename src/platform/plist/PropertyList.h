@@ -15,6 +15,16 @@
 
 namespace daskel::platform {
 
+// Errors of property-list parsing that are not POSIX errors.
+inline constexpr char kPropertyListErrorDomain[] = "com.orvane.plist";
+enum class PropertyListErrorCode : std::int64_t {
+  Malformed = 1,  // not a property list, or a damaged one
+  TooDeep = 2,    // containers nested deeper than kMaxPropertyListNesting
+  TooLarge = 3,   // more bytes or (binary) objects than a reader takes on
+};
+// Arrays and dictionaries nested deeper than this are refused on input.
+inline constexpr int kMaxPropertyListNesting = 512;
+
 // Parses XML or binary property-list bytes. Dates become reals (seconds since 2001-01-01),
 // unsigned integers above INT64_MAX reals, UIDs integers. Fails with an error that says why.
 Result<Value> parsePropertyList(std::span<const std::uint8_t> bytes);
