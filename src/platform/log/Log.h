@@ -8,7 +8,11 @@
 // Formats are printf-style: "%@" prints a value's description (Value, Url, ErrorPtr, any type
 // with description(), std::string), "%s" a string, "%d" "%ld" "%u" "%lu" integers, "%p" a
 // pointer, "%%" a percent sign. A mismatched or missing argument prints "(?)" rather than
-// crashing.
+// crashing; a null C string prints "(null)".
+//
+// Console (standard error) and file lines are written whole, with one write per line, so lines
+// from concurrent threads never interleave; a newline inside a message is written as "\n" to
+// keep one line per message.
 //
 // THREADING NOTES: every function here may be called from any thread.
 #pragma once
@@ -91,6 +95,7 @@ class LogArgument {
   LogArgument(const void* p) : kind_(Kind::Pointer), pointer_(p) {}
 
   Kind kind() const { return kind_; }
+  // The integer kinds, converted to the other signedness as a C cast would; 0 otherwise.
   std::int64_t asSigned() const;
   std::uint64_t asUnsigned() const;
   double asReal() const { return real_; }
