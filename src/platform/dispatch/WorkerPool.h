@@ -1,0 +1,106 @@
+// WorkerPool: the threads that run the async work of every dispatch queue and operation queue.
+//
+// Jobs run in submission order (a job may start before an earlier one finishes; there are many
+// threads). Threads start lazily, up to `baseThreads` busy at once. The pool grows past that,
+// up to `maxThreads`, in two cases:
+// - a worker announces that it is about to wait for other pool work (BlockingScope, used by
+//   sync() and waitUntilAllOperationsAreFinished()) while jobs are waiting: a thread is added
+//   at once, so a job waiting for a later job cannot deadlock the pool;
+// - jobs have been waiting with no idle worker and no job has started for `stallInterval`
+//   (workers stuck in waits the pool cannot see): one thread is added per interval.
+// Threads beyond `baseThreads` exit after `idleTimeout` without work.
+//
+// shared() is the process-wide pool; it lives until the process exits. Separate pools exist
+// for tests. Destroying a pool discards jobs that have not started and joins its threads
+// (waiting for running jobs), so it must not be destroyed from one of its own jobs.
+//
+// THREADING NOTES: every member may be called from any thread. Jobs must not throw.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace daskel::platform {
+
+class WorkerPool {
+ public:
+  using Job = std::move_only_function<void()>;
+
+  struct Options {
+    int baseThreads = 0;  // 0: the number of hardware threads (at least 2)
+    int maxThreads = 128;
+    std::chrono::milliseconds stallInterval{20};
+    std::chrono::milliseconds idleTimeout{5000};
+  };
+
+  struct Stats {
+    int threads = 0;
+    int idle = 0;
+    int blocked = 0;
+    std::size_t pendingJobs = 0;
+  };
+
+  // Marks the calling thread, if it is a worker of some pool, as waiting for other pool work
+  // for the lifetime of the scope. Harmless on any other thread.
+  class BlockingScope {
+   public:
+    BlockingScope();
+    ~BlockingScope();
+    BlockingScope(const BlockingScope&) = delete;
+    BlockingScope& operator=(const BlockingScope&) = delete;
+
+   private:
+    WorkerPool* const pool_;  // not owned; null when the thread is not a worker
+  };
+
+  static WorkerPool& shared();
+
+  explicit WorkerPool(Options options);
+  ~WorkerPool();
+  WorkerPool(const WorkerPool&) = delete;
+  WorkerPool& operator=(const WorkerPool&) = delete;
+
+  void submit(Job job);
+  Stats stats() const;
+  // True when the calling thread is a worker of any pool.
+  static bool isWorkerThread();
+
+ private:
+  struct IdleWorker;
+
+  bool starvedLocked() const;
+  void spawnLocked();
+  void joinExitedLocked();
+  void workerMain(std::list<std::thread>::iterator self);
+  void monitorMain();
+  void threadWillBlock();
+  void threadDidUnblock();
+
+  const int baseThreads_;
+  const int maxThreads_;
+  const std::chrono::milliseconds stallInterval_;
+  const std::chrono::milliseconds idleTimeout_;
+
+  mutable std::mutex mutex_;
+  std::deque<Job> jobs_;
+  std::vector<IdleWorker*> idle_;  // workers waiting for a job, most recent last
+  std::list<std::thread> workers_;
+  std::list<std::thread> exited_;  // workers that left on idle timeout, to be joined
+  int threads_ = 0;
+  int blocked_ = 0;
+  std::uint64_t jobsStarted_ = 0;
+  bool stopping_ = false;
+  std::condition_variable monitorCv_;
+  std::condition_variable exitCv_;
+  std::thread monitor_;
+};
+
+}  // namespace daskel::platform
