@@ -1,0 +1,156 @@
+#include "access_control/AccessControlList.h"
+
+#include <algorithm>
+
+#include "platform/plist/PropertyList.h"
+
+namespace daskel {
+
+using platform::Value;
+
+bool AccessControlList::contains(std::string_view providerID,
+                                 std::string_view itemID,
+                                 std::string_view consumerID) const {
+  auto provider = providers_.find(providerID);
+  if (provider == providers_.end()) {
+    return false;
+  }
+  auto consumer = provider->second.find(consumerID);
+  if (consumer == provider->second.end() || !consumer->second) {
+    return false;
+  }
+  const Items& items = *consumer->second;
+  return std::find(items.begin(), items.end(), itemID) != items.end();
+}
+
+bool AccessControlList::add(std::string_view providerID,
+                            std::string_view itemID,
+                            std::string_view consumerID) {
+  auto provider = providers_.try_emplace(std::string(providerID)).first;
+  auto consumer = provider->second.try_emplace(std::string(consumerID)).first;
+  if (!consumer->second) {
+    consumer->second.emplace();
+  }
+  Items& items = *consumer->second;
+  if (std::find(items.begin(), items.end(), itemID) != items.end()) {
+    return false;
+  }
+  items.emplace_back(itemID);
+  return true;
+}
+
+bool AccessControlList::remove(std::string_view providerID,
+                               std::string_view itemID,
+                               std::string_view consumerID) {
+  auto provider = providers_.find(providerID);
+  if (provider == providers_.end()) {
+    return false;
+  }
+  auto consumer = provider->second.find(consumerID);
+  if (consumer == provider->second.end() || !consumer->second) {
+    return false;
+  }
+  Items& items = *consumer->second;
+  auto removed = std::remove(items.begin(), items.end(), itemID);
+  if (removed == items.end()) {
+    return false;
+  }
+  items.erase(removed, items.end());
+  // Prune bottom-up, stopping at the first level that still holds something. A consumer entry
+  // has no key but "AllowedItemIDs", so an empty array leaves it empty.
+  if (items.empty()) {
+    provider->second.erase(consumer);
+    if (provider->second.empty()) {
+      providers_.erase(provider);
+    }
+  }
+  return true;
+}
+
+std::string AccessControlList::toXml() const {
+  std::size_t estimate = 256;
+  for (const auto& [providerID, consumers] : providers_) {
+    estimate += providerID.size() + 32;
+    for (const auto& [consumerID, items] : consumers) {
+      estimate += consumerID.size() + 80;
+      if (items) {
+        for (const auto& item : *items) {
+          estimate += item.size() + 24;
+        }
+      }
+    }
+  }
+
+  platform::XmlPropertyListWriter writer;
+  writer.reserve(estimate + estimate / 8);
+  writer.beginDictionary();
+  for (const auto& [providerID, consumers] : providers_) {
+    writer.key(providerID);
+    writer.beginDictionary();
+    for (const auto& [consumerID, items] : consumers) {
+      writer.key(consumerID);
+      writer.beginDictionary();
+      if (items) {
+        writer.key(kAllowedItemIDsKey);
+        writer.beginArray();
+        for (const auto& item : *items) {
+          writer.string(item);
+        }
+        writer.endArray();
+      }
+      writer.endDictionary();
+    }
+    writer.endDictionary();
+  }
+  writer.endDictionary();
+  return writer.finish();
+}
+
+AccessControlList::Parsed AccessControlList::fromPropertyList(const Value& root) {
+  Parsed parsed;
+  const Value::Dictionary* providers = root.dictionary();
+  if (!providers) {
+    // A root of another type holds no grants at all.
+    parsed.malformedEntries = root.isNull() ? 0 : 1;
+    return parsed;
+  }
+  for (const auto& [providerID, providerValue] : *providers) {
+    const Value::Dictionary* consumers = providerValue.dictionary();
+    if (!consumers) {
+      ++parsed.malformedEntries;
+      continue;
+    }
+    ConsumerEntries& consumerEntries = parsed.list.providers_[providerID];
+    for (const auto& [consumerID, consumerValue] : *consumers) {
+      const Value::Dictionary* entry = consumerValue.dictionary();
+      if (!entry) {
+        ++parsed.malformedEntries;
+        continue;
+      }
+      std::optional<Items>& items = consumerEntries[consumerID];
+      for (const auto& [key, itemsValue] : *entry) {
+        if (key != kAllowedItemIDsKey) {
+          ++parsed.malformedEntries;
+          continue;
+        }
+        const Value::Array* array = itemsValue.array();
+        if (!array) {
+          ++parsed.malformedEntries;
+          continue;
+        }
+        items.emplace();
+        items->reserve(array->size());
+        for (const Value& item : *array) {
+          if (const std::string* text = item.string()) {
+            items->push_back(*text);
+          } else {
+            ++parsed.malformedEntries;
+          }
+        }
+      }
+    }
+  }
+  return parsed;
+}
+
+}  // namespace daskel
