@@ -7,7 +7,7 @@ TSAN_DIR   ?= build-tsan
 JOBS       ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all run deps configure build test test-sanitize test-asan test-tsan bench format clean
+.PHONY: all run fuzz deps configure build test test-sanitize test-asan test-tsan bench format clean
 
 all: build
 
@@ -47,6 +47,12 @@ run:
 # Runs every benchmark and writes build/bench/summary.json.
 bench: build
 	scripts/run-benchmarks $(BUILD_DIR)
+
+# Builds the wire fuzzer with clang, libFuzzer, ASan and UBSan, and runs it for
+# FUZZ_SECONDS (default 60).
+fuzz:
+	@scripts/install-deps fuzz
+	scripts/fuzz
 
 format:
 	git ls-files '*.h' '*.cpp' | xargs clang-format -i
