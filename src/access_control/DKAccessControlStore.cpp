@@ -1,6 +1,7 @@
 #include "access_control/DKAccessControlStore.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <mutex>
 
 #include "platform/filesystem/FileSystem.h"
@@ -22,7 +23,10 @@ class AccessControlLocation {
         filePath_(platform::appendingPathComponent(directoryPath_, fileName)) {}
 
   const std::string& filePath() {
-    std::call_once(directoryOnce_, [this] { createDirectoryIfMissing(); });
+    std::call_once(directoryOnce_, [this] {
+      createDirectoryIfMissing();
+      removeStaleTemporaryFiles();
+    });
     return filePath_;
   }
 
@@ -46,6 +50,20 @@ class AccessControlLocation {
     }
     if (auto created = platform::createDirectoryAtPath(directoryPath_); !created) {
       DKLogError("Cannot create access control directory. Error: %@", created.error());
+    }
+  }
+
+  // A write killed between creating its temporary file and renaming it leaves
+  // "AccessControl.plist.XXXXXX" behind. The daemon is the file's one writer and this runs
+  // before its first write, so any such file is a leftover.
+  void removeStaleTemporaryFiles() {
+    std::error_code ec;
+    const std::string prefix = std::filesystem::path(filePath_).filename().string() + ".";
+    for (const auto& entry : std::filesystem::directory_iterator(directoryPath_, ec)) {
+      std::string name = entry.path().filename().string();
+      if (name.size() == prefix.size() + 6 && name.starts_with(prefix)) {
+        std::filesystem::remove(entry.path(), ec);
+      }
     }
   }
 
