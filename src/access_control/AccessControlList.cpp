@@ -8,18 +8,31 @@ namespace daskel {
 
 using platform::Value;
 
-bool AccessControlList::contains(std::string_view providerID,
-                                 std::string_view itemID,
-                                 std::string_view consumerID) const {
-  auto provider = providers_.find(providerID);
-  if (provider == providers_.end()) {
-    return false;
+// The provider and consumer entries of a pair, when both exist and the consumer entry holds
+// an "AllowedItemIDs" array. Shared by the const query and the mutating removal.
+template <typename List>
+auto AccessControlList::find(List& list, std::string_view providerID, std::string_view consumerID)
+    -> std::optional<std::pair<decltype(list.providers_.begin()),
+                               decltype(list.providers_.begin()->second.begin())>> {
+  auto provider = list.providers_.find(providerID);
+  if (provider == list.providers_.end()) {
+    return std::nullopt;
   }
   auto consumer = provider->second.find(consumerID);
   if (consumer == provider->second.end() || !consumer->second) {
+    return std::nullopt;
+  }
+  return std::pair{provider, consumer};
+}
+
+bool AccessControlList::contains(std::string_view providerID,
+                                 std::string_view itemID,
+                                 std::string_view consumerID) const {
+  auto location = find(*this, providerID, consumerID);
+  if (!location) {
     return false;
   }
-  const Items& items = *consumer->second;
+  const Items& items = *location->second->second;
   return std::find(items.begin(), items.end(), itemID) != items.end();
 }
 
@@ -42,14 +55,11 @@ bool AccessControlList::add(std::string_view providerID,
 bool AccessControlList::remove(std::string_view providerID,
                                std::string_view itemID,
                                std::string_view consumerID) {
-  auto provider = providers_.find(providerID);
-  if (provider == providers_.end()) {
+  auto location = find(*this, providerID, consumerID);
+  if (!location) {
     return false;
   }
-  auto consumer = provider->second.find(consumerID);
-  if (consumer == provider->second.end() || !consumer->second) {
-    return false;
-  }
+  auto [provider, consumer] = *location;
   Items& items = *consumer->second;
   auto removed = std::remove(items.begin(), items.end(), itemID);
   if (removed == items.end()) {

@@ -64,6 +64,11 @@ class AccessControlList {
   static Parsed fromPropertyList(const platform::Value& root);
 
  private:
+  template <typename List>
+  static auto find(List& list, std::string_view providerID, std::string_view consumerID)
+      -> std::optional<std::pair<decltype(list.providers_.begin()),
+                                 decltype(list.providers_.begin()->second.begin())>>;
+
   ProviderEntries providers_;
 };
 
