@@ -1,0 +1,309 @@
+#include "platform/ipc/IpcStream.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "platform/errors/DKErrors.h"
+
+namespace daskel::platform {
+
+namespace {
+
+// One read takes at most this much; one wake-up reads at most kReadsPerWakeup times, so a
+// busy connection cannot keep the loop from the others.
+constexpr std::size_t kReadChunk = 64 * 1024;
+constexpr int kReadsPerWakeup = 16;
+// Queued frames written with one sendmsg.
+constexpr std::size_t kMaxWriteBatch = 16;
+
+Result<void> makeNonblockingCloexec(int fd) {
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    return failure(IpcError(IpcErrorCode::ConnectionInvalid,
+                            std::string("cannot make socket nonblocking: ") + std::strerror(errno)));
+  }
+  const int fdFlags = ::fcntl(fd, F_GETFD);
+  if (fdFlags < 0 || ::fcntl(fd, F_SETFD, fdFlags | FD_CLOEXEC) != 0) {
+    return failure(IpcError(IpcErrorCode::ConnectionInvalid,
+                            std::string("cannot make socket close-on-exec: ") +
+                                std::strerror(errno)));
+  }
+  return {};
+}
+
+}  // namespace
+
+Result<std::shared_ptr<IpcStream>> IpcStream::adopt(int fd) {
+  if (auto made = makeNonblockingCloexec(fd); !made) {
+    ::close(fd);
+    return failure(made.error());
+  }
+  return std::shared_ptr<IpcStream>(new IpcStream(fd));
+}
+
+IpcStream::IpcStream(int fd) : fd_(fd) {}
+
+IpcStream::~IpcStream() {
+  std::lock_guard lock(mutex_);
+  if (registration_) {
+    IoLoop::shared().remove(*registration_, fd_);
+  }
+  if (fd_ >= 0) {
+    ::close(fd_);
+  }
+}
+
+int IpcStream::fd() const {
+  std::lock_guard lock(mutex_);
+  return fd_;
+}
+
+bool IpcStream::isClosed() const {
+  std::lock_guard lock(mutex_);
+  return closed_;
+}
+
+Result<void> IpcStream::start(FrameHandler onFrame, EndHandler onEnd) {
+  std::lock_guard lock(mutex_);
+  if (closed_) {
+    return failure(IpcError(IpcErrorCode::ConnectionInvalid, "the connection is closed"));
+  }
+  onFrame_ = std::move(onFrame);
+  onEnd_ = std::move(onEnd);
+  reading_ = true;
+  updateInterestLocked();
+  if (!registration_) {
+    reading_ = false;
+    onFrame_ = nullptr;
+    onEnd_ = nullptr;
+    return failure(IpcError(IpcErrorCode::ConnectionInvalid,
+                            "cannot watch socket " + std::to_string(fd_) + " for input"));
+  }
+  return {};
+}
+
+void IpcStream::send(std::vector<std::uint8_t> frame) {
+  std::lock_guard lock(mutex_);
+  if (closed_ || writeFailed_) {
+    return;
+  }
+  writes_.push_back(std::move(frame));
+  if (!writeBlocked_) {
+    flushLocked();
+  }
+}
+
+void IpcStream::consumed(std::size_t bytes) {
+  std::lock_guard lock(mutex_);
+  outstandingBytes_ -= std::min(bytes, outstandingBytes_);
+  if (readPaused_ && outstandingBytes_ <= kReadPauseBytes / 2) {
+    readPaused_ = false;
+    updateInterestLocked();
+  }
+}
+
+void IpcStream::close() {
+  const auto self = weak_from_this().lock();  // the handlers may hold the last owner
+  FrameHandler onFrame;
+  EndHandler onEnd;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) {
+      return;
+    }
+    closed_ = true;
+    reading_ = false;
+    updateInterestLocked();
+    ::close(fd_);
+    fd_ = -1;
+    writes_.clear();
+    onFrame = std::move(onFrame_);
+    onEnd = std::move(onEnd_);
+  }
+  // The handlers (and the connection they keep alive) are released here, outside the lock.
+}
+
+void IpcStream::handleEvents(std::uint32_t events) {
+  std::vector<std::vector<std::uint8_t>> frames;
+  std::optional<std::pair<End, ErrorPtr>> end;
+  FrameHandler onFrame;
+  EndHandler onEnd;
+  {
+    std::lock_guard lock(mutex_);
+    if (closed_) {
+      return;
+    }
+    if (writeBlocked_ && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))) {
+      writeBlocked_ = false;
+      flushLocked();
+    }
+    if (reading_ && !readPaused_ && (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR))) {
+      readLocked(frames, end);
+    }
+    if (!frames.empty() || end) {
+      onFrame = onFrame_;
+      onEnd = onEnd_;
+    }
+  }
+  // Only this thread reads, so handing out in this order keeps the stream's order.
+  for (auto& frame : frames) {
+    onFrame(std::move(frame));
+  }
+  if (end) {
+    onEnd(end->first, std::move(end->second));
+  }
+}
+
+void IpcStream::readLocked(std::vector<std::vector<std::uint8_t>>& frames,
+                           std::optional<std::pair<End, ErrorPtr>>& end) {
+  std::array<std::uint8_t, kReadChunk> buffer;
+  for (int round = 0; round < kReadsPerWakeup && !end; ++round) {
+    const ssize_t count = ::recv(fd_, buffer.data(), buffer.size(), 0);
+    if (count < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        break;
+      }
+      // ECONNRESET and the like: the peer went away, whatever it was in the middle of.
+      end.emplace(End::PeerClosed, nullptr);
+      break;
+    }
+    if (count == 0) {
+      if (auto finished = reader_.finish(); !finished) {
+        end.emplace(End::Violation, finished.error());
+      } else {
+        end.emplace(End::PeerClosed, nullptr);
+      }
+      break;
+    }
+    if (auto appended = reader_.append({buffer.data(), static_cast<std::size_t>(count)});
+        !appended) {
+      end.emplace(End::Violation, appended.error());
+      break;
+    }
+    for (;;) {
+      auto next = reader_.nextFrame();
+      if (!next) {
+        end.emplace(End::Violation, next.error());
+        break;
+      }
+      if (!*next) {
+        break;
+      }
+      outstandingBytes_ += (*next)->size();
+      frames.push_back(std::move(**next));
+    }
+    if (static_cast<std::size_t>(count) < buffer.size()) {
+      break;  // drained; the loop reports more when it comes
+    }
+  }
+  if (end) {
+    reading_ = false;
+  } else if (outstandingBytes_ > kReadPauseBytes) {
+    readPaused_ = true;
+  }
+  updateInterestLocked();
+}
+
+void IpcStream::flushLocked() {
+  while (!writes_.empty()) {
+    std::array<iovec, kMaxWriteBatch> iov;
+    std::size_t count = 0;
+    for (auto it = writes_.begin(); it != writes_.end() && count < kMaxWriteBatch; ++it) {
+      const std::size_t skip = count == 0 ? writeOffset_ : 0;
+      iov[count].iov_base = it->data() + skip;
+      iov[count].iov_len = it->size() - skip;
+      ++count;
+    }
+    msghdr message{};
+    message.msg_iov = iov.data();
+    message.msg_iovlen = count;
+    const ssize_t written = ::sendmsg(fd_, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (written < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        writeBlocked_ = true;
+        updateInterestLocked();
+        return;
+      }
+      failWritesLocked();
+      return;
+    }
+    std::size_t left = static_cast<std::size_t>(written);
+    while (left > 0) {
+      const std::size_t frontLeft = writes_.front().size() - writeOffset_;
+      if (left >= frontLeft) {
+        left -= frontLeft;
+        writes_.pop_front();
+        writeOffset_ = 0;
+      } else {
+        writeOffset_ += left;
+        left = 0;
+      }
+    }
+  }
+  updateInterestLocked();
+}
+
+void IpcStream::failWritesLocked() {
+  // The peer cannot take more. Shutting down makes the reading side see the end after what
+  // the peer sent before it went, so the end is reported in its place in the stream.
+  writeFailed_ = true;
+  writeBlocked_ = false;
+  writes_.clear();
+  writeOffset_ = 0;
+  ::shutdown(fd_, SHUT_RDWR);
+  updateInterestLocked();
+}
+
+void IpcStream::updateInterestLocked() {
+  std::uint32_t wanted = 0;
+  if (!closed_) {
+    if (reading_ && !readPaused_) {
+      wanted |= EPOLLIN | EPOLLRDHUP;
+    }
+    if (writeBlocked_ && !writes_.empty()) {
+      wanted |= EPOLLOUT;
+    }
+  }
+  IoLoop& loop = IoLoop::shared();
+  if (wanted == 0) {
+    // Unregistered rather than registered for nothing: a hung-up socket would otherwise be
+    // reported over and over.
+    if (registration_) {
+      loop.remove(*registration_, fd_);
+      registration_.reset();
+      registeredEvents_ = 0;
+    }
+    return;
+  }
+  if (registration_) {
+    if (wanted != registeredEvents_ && loop.modify(*registration_, fd_, wanted)) {
+      registeredEvents_ = wanted;
+    }
+    return;
+  }
+  auto added = loop.add(fd_, wanted, [weak = weak_from_this()](std::uint32_t events) {
+    if (auto self = weak.lock()) {
+      self->handleEvents(events);
+    }
+  });
+  if (added) {
+    registration_ = *added;
+    registeredEvents_ = wanted;
+  }
+}
+
+}  // namespace daskel::platform
