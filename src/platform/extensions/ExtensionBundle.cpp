@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/extensions/TrustedFile.h"
 #include "platform/filesystem/FileSystem.h"
+#include "platform/identity/TrustedFile.h"
 
 namespace daskel::platform {
 namespace {

@@ -12,8 +12,8 @@
 //     com.orvane.security.application-groups   array of strings, optional
 //
 // Other keys are kept in the Info.plist dictionary and otherwise left alone. The Info.plist must
-// pass the trust rule of TrustedFile.h (owned by root or the daemon's user, not writable by
-// group or others). A bundle is judged on its Info.plist alone: its executable need not exist
+// pass the trust rule of identity/TrustedFile.h (owned by root or the daemon's user, not writable
+// by group or others). A bundle is judged on its Info.plist alone: its executable need not exist
 // or be runnable; only its identity (device, inode, modification time) is noted, so that a
 // replaced executable can be told from the old one.
 //

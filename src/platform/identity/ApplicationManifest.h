@@ -2,10 +2,10 @@
 // {BundleIdentifier: string, Executables: [absolute paths], Entitlements: {key: value}}.
 //
 // A manifest grants entitlements, so only a file that the administrator or the daemon's own
-// user controls counts: it must be owned by root or by the daemon's effective user and must
-// not be writable by group or others. The checks are made on the opened file, and the bytes
-// parsed are read from that same open file, so a file swapped in between cannot slip past.
-// The directories holding manifests are trusted as the administrator's.
+// user controls counts: it is read under the trust rule of TrustedFile.h (a regular file,
+// owned by root or by the daemon's effective user, not writable by group or others, checked
+// on the opened file and read from it). The directories holding manifests are trusted as the
+// administrator's.
 //
 // THREADING NOTES: free functions without shared state; safe from any thread.
 // Failure: errors in kApplicationManifestErrorDomain, code an ApplicationManifestError,

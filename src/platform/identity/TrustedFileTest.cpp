@@ -1,21 +1,56 @@
-#include "platform/extensions/TrustedFile.h"
+#include "platform/identity/TrustedFile.h"
 
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "platform/extensions/ExtensionTestSupport.h"
 #include "platform/plist/PropertyList.h"
 
 namespace daskel::platform {
 namespace {
 
-using extension_test::TemporaryTree;
-using extension_test::writeFile;
+namespace fs = std::filesystem;
+
+// Writes `bytes` to `path` in place (truncating) and sets `mode`.
+void writeFile(const std::string& path, const std::string& bytes, mode_t mode = 0644) {
+  {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << bytes;
+    ASSERT_TRUE(out.good()) << "cannot write " << path;
+  }
+  ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path << ": " << std::strerror(errno);
+}
+
+// A temporary directory for one test, removed with everything in it at the end.
+class TemporaryTree {
+ public:
+  TemporaryTree() {
+    std::string pattern = (fs::temp_directory_path() / "daskel-trusted-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr)
+      ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
+    root_ = fs::canonical(pattern);
+  }
+  ~TemporaryTree() {
+    std::error_code ignored;
+    fs::remove_all(root_, ignored);
+  }
+  TemporaryTree(const TemporaryTree&) = delete;
+  TemporaryTree& operator=(const TemporaryTree&) = delete;
+
+  std::string path(const std::string& relative) const { return (root_ / relative).string(); }
+
+ private:
+  fs::path root_;
+};
 
 std::int64_t codeOf(TrustedFileError error) {
   return static_cast<std::int64_t>(error);

@@ -1,12 +1,13 @@
-// Reading a file that is allowed to tell the daemon something it will act on (an extension
-// bundle's Info.plist): only a file that the administrator or the daemon's own user controls
-// counts. It must be a regular file, owned by root or by the daemon's effective user, and not
-// writable by group or others. The checks are made on the opened file, and the bytes returned
-// are read from that same open file, so a file swapped in between cannot slip past. The
-// directories holding such files are trusted as the administrator's.
+// Reading a file that is allowed to tell the daemon something it will act on (an application
+// manifest, an extension bundle's Info.plist): only a file that the administrator or the
+// daemon's own user controls counts. It must be a regular file, owned by root or by the
+// daemon's effective user, and not writable by group or others. The checks are made on the
+// opened file, and the bytes returned are read from that same open file, so a file swapped in
+// between cannot slip past. The directories holding such files are trusted as the
+// administrator's.
 //
-// This is the rule that application manifests follow (platform/identity/ApplicationManifest),
-// which keeps its own copy private; the texts of the reasons are the same.
+// Callers that report in their own error domain (ApplicationManifest, ExtensionBundle) map
+// the codes and keep the description as the reason.
 //
 // THREADING NOTES: free functions without shared state; safe from any thread.
 // Failure: errors in kTrustedFileErrorDomain, code a TrustedFileError, whose description says

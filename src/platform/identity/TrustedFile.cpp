@@ -1,4 +1,4 @@
-#include "platform/extensions/TrustedFile.h"
+#include "platform/identity/TrustedFile.h"
 
 #include <fcntl.h>
 #include <unistd.h>
