@@ -49,6 +49,7 @@ bool AccessControlList::add(std::string_view providerID,
     return false;
   }
   items.emplace_back(itemID);
+  forgetXml(providerID);
   return true;
 }
 
@@ -66,6 +67,7 @@ bool AccessControlList::remove(std::string_view providerID,
     return false;
   }
   items.erase(removed, items.end());
+  forgetXml(providerID);
   // Prune bottom-up, stopping at the first level that still holds something. A consumer entry
   // has no key but "AllowedItemIDs", so an empty array leaves it empty.
   if (items.empty()) {
@@ -77,40 +79,43 @@ bool AccessControlList::remove(std::string_view providerID,
   return true;
 }
 
-std::string AccessControlList::toXml() const {
-  std::size_t estimate = 256;
-  for (const auto& [providerID, consumers] : providers_) {
-    estimate += providerID.size() + 32;
-    for (const auto& [consumerID, items] : consumers) {
-      estimate += consumerID.size() + 80;
-      if (items) {
-        for (const auto& item : *items) {
-          estimate += item.size() + 24;
-        }
-      }
-    }
+void AccessControlList::forgetXml(std::string_view providerID) {
+  if (auto cached = providerXml_.find(providerID); cached != providerXml_.end()) {
+    providerXml_.erase(cached);
   }
+}
 
-  platform::XmlPropertyListWriter writer;
-  writer.reserve(estimate + estimate / 8);
+const std::string& AccessControlList::providerXml(const std::string& providerID,
+                                                  const ConsumerEntries& consumers) const {
+  auto cached = providerXml_.find(providerID);
+  if (cached != providerXml_.end()) {
+    return cached->second;
+  }
+  auto writer = platform::XmlPropertyListWriter::fragment(1);
+  writer.key(providerID);
   writer.beginDictionary();
-  for (const auto& [providerID, consumers] : providers_) {
-    writer.key(providerID);
+  for (const auto& [consumerID, items] : consumers) {
+    writer.key(consumerID);
     writer.beginDictionary();
-    for (const auto& [consumerID, items] : consumers) {
-      writer.key(consumerID);
-      writer.beginDictionary();
-      if (items) {
-        writer.key(kAllowedItemIDsKey);
-        writer.beginArray();
-        for (const auto& item : *items) {
-          writer.string(item);
-        }
-        writer.endArray();
+    if (items) {
+      writer.key(kAllowedItemIDsKey);
+      writer.beginArray();
+      for (const auto& item : *items) {
+        writer.string(item);
       }
-      writer.endDictionary();
+      writer.endArray();
     }
     writer.endDictionary();
+  }
+  writer.endDictionary();
+  return providerXml_.emplace(providerID, writer.finish()).first->second;
+}
+
+std::string AccessControlList::toXml(std::string&& buffer) const {
+  platform::XmlPropertyListWriter writer(std::move(buffer));
+  writer.beginDictionary();
+  for (const auto& [providerID, consumers] : providers_) {
+    writer.raw(providerXml(providerID, consumers));
   }
   writer.endDictionary();
   return writer.finish();

@@ -55,8 +55,9 @@ class AccessControlList {
   bool empty() const { return providers_.empty(); }
   const ProviderEntries& providers() const { return providers_; }
 
-  // The XML property-list document for this list.
-  std::string toXml() const;
+  // The XML property-list document for this list, written into `buffer`'s memory when one is
+  // given (see XmlPropertyListWriter).
+  std::string toXml(std::string&& buffer = {}) const;
 
   struct Parsed;
   // Builds a list from a property-list value. Never fails: what does not fit the format is
@@ -64,12 +65,19 @@ class AccessControlList {
   static Parsed fromPropertyList(const platform::Value& root);
 
  private:
+  void forgetXml(std::string_view providerID);
+  const std::string& providerXml(const std::string& providerID,
+                                 const ConsumerEntries& consumers) const;
+
   template <typename List>
   static auto find(List& list, std::string_view providerID, std::string_view consumerID)
       -> std::optional<std::pair<decltype(list.providers_.begin()),
                                  decltype(list.providers_.begin()->second.begin())>>;
 
   ProviderEntries providers_;
+  // Each provider's part of the XML document, kept until that provider's entry changes, so a
+  // commit re-serialises only the provider that changed.
+  mutable std::map<std::string, std::string, std::less<>> providerXml_;
 };
 
 struct AccessControlList::Parsed {

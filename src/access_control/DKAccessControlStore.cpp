@@ -247,7 +247,8 @@ void DKAccessControlStore::syncQueueCommitAccessControl() {
   DK_ASSERT_ON_QUEUE(*syncQueue_, "syncQueueCommitAccessControl");
   DKLogInfo("Committing access control list");
   const std::string& path = location_->filePath();
-  auto written = platform::writeFileAtomically(path, syncQueueAccessControlList_.toXml());
+  syncQueueCommitBuffer_ = syncQueueAccessControlList_.toXml(std::move(syncQueueCommitBuffer_));
+  auto written = platform::writeFileAtomically(path, syncQueueCommitBuffer_);
   if (!written) {
     DKLogError("Could not write to %@", path);
     DKLogNotice("Access control write failed: %@", written.error());

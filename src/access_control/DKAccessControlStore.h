@@ -98,6 +98,8 @@ class DKAccessControlStore : public DKAccessControl,
 
   // Touched only on syncQueue_, except by the first read during construction.
   AccessControlList syncQueueAccessControlList_;
+  // The last file image, kept so the next commit serialises into memory already mapped.
+  std::string syncQueueCommitBuffer_;
   std::shared_ptr<platform::DispatchQueue> syncQueue_;
   const std::shared_ptr<AccessControlLocation> location_;
   const std::shared_ptr<platform::SystemNotifyCenter> notifyCenter_;

@@ -49,6 +49,12 @@ Result<void> writeFileAtomically(const std::string& path, std::string_view bytes
 class XmlPropertyListWriter {
  public:
   XmlPropertyListWriter();
+  // Writes into `buffer` (cleared first), reusing its memory: a caller that serialises often
+  // hands back the string finish() gave it last time and saves the page faults of a fresh one.
+  explicit XmlPropertyListWriter(std::string&& buffer);
+  // A writer of a fragment: no document header or footer, elements indented as if `depth`
+  // containers were open. finish() returns just the fragment.
+  static XmlPropertyListWriter fragment(int depth);
   void beginDictionary();
   void endDictionary();
   void beginArray();
@@ -60,6 +66,8 @@ class XmlPropertyListWriter {
   void boolean(bool value);
   void data(std::span<const std::uint8_t> bytes);
   void value(const Value& value);
+  // Appends XML that a fragment writer produced at this writer's depth.
+  void raw(std::string_view xml) { out_ += xml; }
   // Reserves room for about `bytes` of output.
   void reserve(std::size_t bytes);
   std::string finish();
@@ -68,6 +76,7 @@ class XmlPropertyListWriter {
   void indent();
   std::string out_;
   int depth_ = 0;
+  bool isFragment_ = false;
 };
 
 // Appends `text` to `out` with &, <, > escaped; characters XML 1.0 cannot hold are dropped.

@@ -90,19 +90,6 @@ void appendBase64Line(std::string& out, const std::uint8_t* bytes, std::size_t c
   }
 }
 
-constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
-constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
-
-constexpr std::uint64_t hasZeroByte(std::uint64_t v) {
-  return (v - kOnes) & ~v & kHighBits;
-}
-
-constexpr bool needsAttention(std::uint64_t chunk) {
-  return (chunk & kHighBits) != 0 || ((chunk - kOnes * 0x20) & ~chunk & kHighBits) != 0 ||
-         hasZeroByte(chunk ^ (kOnes * '&')) != 0 || hasZeroByte(chunk ^ (kOnes * '<')) != 0 ||
-         hasZeroByte(chunk ^ (kOnes * '>')) != 0;
-}
-
 bool endsWith(const std::string& text, std::string_view suffix) {
   return text.size() >= suffix.size() &&
          std::string_view(text).substr(text.size() - suffix.size()) == suffix;
@@ -110,60 +97,101 @@ bool endsWith(const std::string& text, std::string_view suffix) {
 
 }  // namespace
 
-void appendXmlEscaped(std::string& out, std::string_view text) {
+namespace {
+
+// The longest form a byte of text can take once escaped ("&amp;", "&#13;").
+constexpr std::size_t kMaxEscapedBytesPerByte = 5;
+
+char* copy(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+
+// Writes `text` escaped at `out`, which has room for kMaxEscapedBytesPerByte bytes per byte of
+// text, and returns the end. Writing through a pointer, rather than appending piece by piece,
+// is what makes a large list cheap to serialise: the appends, not the scanning, dominated.
+char* writeXmlEscaped(char* out, std::string_view text) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   const std::size_t size = text.size();
-  std::size_t runStart = 0;
   std::size_t i = 0;
-  auto flush = [&] { out.append(text.data() + runStart, i - runStart); };
   while (i < size) {
-    // Skips eight plain bytes at a time: no byte at or above 0x80, below 0x20, or one of
-    // "&<>". A false alarm only sends the chunk through the byte loop below.
-    if (size - i >= 8) {
-      std::uint64_t chunk;
-      std::memcpy(&chunk, bytes + i, 8);
-      if (!needsAttention(chunk)) {
-        i += 8;
-        continue;
-      }
-    }
     unsigned char c = bytes[i];
     if (c < 0x80) {
       if (kPlainAscii[c]) {
+        *out++ = static_cast<char>(c);
         ++i;
         continue;
       }
-      flush();
       switch (c) {
         case '&':
-          out += "&amp;";
+          out = copy(out, "&amp;");
           break;
         case '<':
-          out += "&lt;";
+          out = copy(out, "&lt;");
           break;
         case '>':
-          out += "&gt;";
+          out = copy(out, "&gt;");
           break;
         case '\r':
-          out += "&#13;";
+          out = copy(out, "&#13;");
           break;
         default:
           break;  // A control character XML cannot hold.
       }
-      runStart = ++i;
+      ++i;
       continue;
     }
     if (std::size_t length = validXmlSequenceLength(bytes + i, size - i)) {
+      std::memcpy(out, bytes + i, length);
+      out += length;
       i += length;
       continue;
     }
-    flush();
-    runStart = ++i;  // Drop the byte that starts no valid character.
+    ++i;  // Drop the byte that starts no valid character.
   }
-  flush();
+  return out;
+}
+
+// Appends indentation, `open`, the escaped text and `close` in one step.
+void appendElement(std::string& out,
+                   int depth,
+                   std::string_view open,
+                   std::string_view text,
+                   std::string_view close) {
+  const std::size_t start = out.size();
+  const std::size_t most = static_cast<std::size_t>(depth) + open.size() +
+                           text.size() * kMaxEscapedBytesPerByte + close.size();
+  out.resize_and_overwrite(start + most, [&](char* buffer, std::size_t) {
+    char* w = buffer + start;
+    std::memset(w, '\t', static_cast<std::size_t>(depth));
+    w += depth;
+    w = copy(w, open);
+    w = writeXmlEscaped(w, text);
+    w = copy(w, close);
+    return static_cast<std::size_t>(w - buffer);
+  });
+}
+
+}  // namespace
+
+void appendXmlEscaped(std::string& out, std::string_view text) {
+  appendElement(out, 0, {}, text, {});
 }
 
 XmlPropertyListWriter::XmlPropertyListWriter() {
+  out_ += kDocumentHeader;
+}
+
+XmlPropertyListWriter XmlPropertyListWriter::fragment(int depth) {
+  XmlPropertyListWriter writer;
+  writer.out_.clear();
+  writer.depth_ = depth;
+  writer.isFragment_ = true;
+  return writer;
+}
+
+XmlPropertyListWriter::XmlPropertyListWriter(std::string&& buffer) : out_(std::move(buffer)) {
+  out_.clear();
   out_ += kDocumentHeader;
 }
 
@@ -207,17 +235,11 @@ void XmlPropertyListWriter::endArray() {
 }
 
 void XmlPropertyListWriter::key(std::string_view key) {
-  indent();
-  out_ += "<key>";
-  appendXmlEscaped(out_, key);
-  out_ += "</key>\n";
+  appendElement(out_, depth_, "<key>", key, "</key>\n");
 }
 
 void XmlPropertyListWriter::string(std::string_view text) {
-  indent();
-  out_ += "<string>";
-  appendXmlEscaped(out_, text);
-  out_ += "</string>\n";
+  appendElement(out_, depth_, "<string>", text, "</string>\n");
 }
 
 void XmlPropertyListWriter::integer(std::int64_t value) {
@@ -331,6 +353,9 @@ void XmlPropertyListWriter::reserve(std::size_t bytes) {
 }
 
 std::string XmlPropertyListWriter::finish() {
+  if (isFragment_) {
+    return std::move(out_);
+  }
   out_ += kDocumentFooter;
   std::string document = std::move(out_);
   // Ready for the next document.
