@@ -103,6 +103,9 @@ namespace {
 constexpr std::size_t kMaxEscapedBytesPerByte = 5;
 
 char* copy(char* out, std::string_view text) {
+  if (text.empty()) {
+    return out;  // an empty view may have no data pointer at all, which memcpy must not see
+  }
   std::memcpy(out, text.data(), text.size());
   return out + text.size();
 }
