@@ -1,5 +1,7 @@
 #include "platform/extensions/ExtensionCatalog.h"
 
+#include "platform/identity/SearchPathDirectory.h"
+
 #include <dirent.h>
 
 #include <algorithm>
@@ -12,14 +14,6 @@
 #include "platform/log/Log.h"
 
 namespace daskel::platform {
-namespace {
-
-std::string errnoText(int error) {
-  char buffer[128];
-  return ::strerror_r(error, buffer, sizeof buffer);
-}
-
-}  // namespace
 
 ExtensionCatalog::ExtensionCatalog()
     : ExtensionCatalog(extensionsPath(), platform::groupContainersDirectory()) {}
@@ -51,28 +45,9 @@ ExtensionCatalog::Records ExtensionCatalog::scan(const BundleVisitor& beforeRead
         DKLogError("Ignoring extensions directory %@: not an absolute path", directory);
       continue;
     }
-    DIR* dir = ::opendir(directory.c_str());
-    if (!dir) {
-      const int error = errno;
-      if (error == ENOENT) {
-        directoryErrors_.erase(directory);
-        continue;
-      }
-      auto [it, inserted] = directoryErrors_.try_emplace(directory, error);
-      if (inserted || it->second != error) {
-        it->second = error;
-        DKLogError("Cannot read extension bundles in %@: %s", directory, errnoText(error));
-      }
-      continue;
-    }
-    directoryErrors_.erase(directory);
-    std::vector<std::string> names;
-    while (struct dirent* entry = ::readdir(dir)) {
-      if (isBundleName(entry->d_name))
-        names.emplace_back(entry->d_name);
-    }
-    ::closedir(dir);
-    std::sort(names.begin(), names.end());
+    const std::vector<std::string> names = listSearchPathDirectory(
+        directory, [](const char* name) { return isBundleName(name); }, "extension bundles",
+        directoryErrors_);
 
     for (const std::string& name : names) {
       const std::string path = appendingPathComponent(directory, name);

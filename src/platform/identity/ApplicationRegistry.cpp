@@ -1,5 +1,7 @@
 #include "platform/identity/ApplicationRegistry.h"
 
+#include "platform/identity/SearchPathDirectory.h"
+
 #include <dirent.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -53,28 +55,9 @@ std::vector<std::shared_ptr<const Application>> ApplicationRegistry::currentAppl
   for (const std::string& directory : directories) {
     if (directory.empty())
       continue;
-    DIR* dir = ::opendir(directory.c_str());
-    if (!dir) {
-      int error = errno;
-      if (error == ENOENT) {
-        directoryErrors_.erase(directory);
-        continue;
-      }
-      auto [it, inserted] = directoryErrors_.try_emplace(directory, error);
-      if (inserted || it->second != error) {
-        it->second = error;
-        DKLogError("Cannot read application manifests in %@: %s", directory, std::strerror(error));
-      }
-      continue;
-    }
-    directoryErrors_.erase(directory);
-    std::vector<std::string> names;
-    while (struct dirent* entry = ::readdir(dir)) {
-      if (isManifestName(entry->d_name))
-        names.emplace_back(entry->d_name);
-    }
-    ::closedir(dir);
-    std::sort(names.begin(), names.end());
+    const std::vector<std::string> names = listSearchPathDirectory(
+        directory, [](const char* name) { return isManifestName(name); },
+        "application manifests", directoryErrors_);
 
     for (const std::string& name : names) {
       std::string path = appendingPathComponent(directory, name);
