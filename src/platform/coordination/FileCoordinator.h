@@ -1,0 +1,51 @@
+// FileCoordinator: the registry of coordination providers, one per provided-items directory,
+// and the routing of a URL to the provider whose directory holds it. The front-ends that
+// turn reads and writes of other processes into calls (a named service for programs that
+// cooperate, fanotify for those that do not) are built on it.
+//
+// addProvider()/removeProvider() are called by the providers themselves, on their own
+// operation queue, so a removal queued after an addition runs after it. Adding a provider
+// that is already known does nothing; removing one that is not known does nothing.
+//
+// Ownership: holds the added providers strongly. shared() is the process-wide coordinator;
+// tests make their own.
+// THREADING NOTES: every member may be called from any thread; the table is guarded by a
+// mutex that is never held while a provider is called.
+// Failure: none to report; a provider without a provided-items directory owns no URL.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "platform/coordination/CoordinationProvider.h"
+#include "platform/url/Url.h"
+
+namespace daskel::platform {
+
+class FileCoordinator {
+ public:
+  static FileCoordinator& shared();
+
+  FileCoordinator() = default;
+  FileCoordinator(const FileCoordinator&) = delete;
+  FileCoordinator& operator=(const FileCoordinator&) = delete;
+
+  void addProvider(std::shared_ptr<CoordinationProvider> provider);
+  void removeProvider(const std::shared_ptr<CoordinationProvider>& provider);
+
+  // The providers known now, in the order they were added.
+  std::vector<std::shared_ptr<CoordinationProvider>> providers() const;
+  bool isRegistered(const CoordinationProvider& provider) const;
+
+  // The known provider whose provided-items directory contains `url` (not equal to it), or
+  // null.
+  std::shared_ptr<CoordinationProvider> providerForURL(const Url& url) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<CoordinationProvider>> providers_;
+};
+
+}  // namespace daskel::platform
