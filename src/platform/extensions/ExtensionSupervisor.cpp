@@ -1,0 +1,371 @@
+#include "platform/extensions/ExtensionSupervisor.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/errors/DKErrors.h"
+#include "platform/ipc/IpcConnection.h"
+#include "platform/ipc/IpcHandlerTable.h"
+#include "platform/locations/Locations.h"
+#include "platform/log/Log.h"
+
+namespace daskel::platform {
+
+namespace {
+
+// Connections still open this long after their process was reaped are closed from here.
+// Normally the kernel closed the extension's ends when it died and the connections have
+// already seen that; this catches ends the extension handed to a process of its own.
+constexpr auto kOrphanedConnectionGrace = std::chrono::seconds(1);
+
+}  // namespace
+
+class ExtensionSupervisor::RequestContext final : public ExtensionContext {
+ public:
+  explicit RequestContext(std::shared_ptr<IpcConnection> connection)
+      : connection_(std::move(connection)) {}
+  std::shared_ptr<IpcConnection> auxiliaryConnection() const override { return connection_; }
+
+ private:
+  const std::shared_ptr<IpcConnection> connection_;
+};
+
+std::shared_ptr<ExtensionSupervisor> ExtensionSupervisor::create(
+    std::shared_ptr<const PluginRecord> record,
+    ExtensionSupervisorOptions options) {
+  return std::shared_ptr<ExtensionSupervisor>(
+      new ExtensionSupervisor(std::move(record), std::move(options)));
+}
+
+ExtensionSupervisor::ExtensionSupervisor(std::shared_ptr<const PluginRecord> record,
+                                         ExtensionSupervisorOptions options)
+    : record_(std::move(record)),
+      contextClass_(std::move(options.contextClass)),
+      idleTime_(options.idleTime.value_or(std::chrono::seconds(extensionIdleSeconds()))),
+      timing_(options.timing),
+      completionQueue_(options.completionQueue ? std::move(options.completionQueue)
+                                               : DispatchQueue::global()) {}
+
+ExtensionSupervisor::~ExtensionSupervisor() {
+  // Nobody can cancel these requests any more, and the process is not needed either.
+  // Waiting requests would never hear back (the launch's callbacks hold us weakly): fail them.
+  for (BeginRequestCompletion& waiter : waiters_)
+    complete(std::move(waiter), "",
+             IpcError(IpcErrorCode::ConnectionInvalid,
+                      "Extension " + record_->identifier() + " is no longer available"));
+  for (auto& [uuid, request] : requests_) {
+    if (auto process = request.process.lock())
+      (void)process->sendCancel(uuid);
+    request.connection->invalidate();
+  }
+  if (process_)
+    process_->stop();
+}
+
+pid_t ExtensionSupervisor::processIdentifier() const {
+  std::lock_guard lock(mutex_);
+  return process_ ? process_->pid() : 0;
+}
+
+std::size_t ExtensionSupervisor::openRequestCount() const {
+  std::lock_guard lock(mutex_);
+  return requests_.size();
+}
+
+std::string ExtensionSupervisor::identifier() const {
+  return record_->identifier();
+}
+
+std::string ExtensionSupervisor::description() const {
+  return record_->description();
+}
+
+bool ExtensionSupervisor::isEqual(const AppExtension& other) const {
+  const auto* supervisor = dynamic_cast<const ExtensionSupervisor*>(&other);
+  return supervisor != nullptr && *supervisor->record_ == *record_;
+}
+
+void ExtensionSupervisor::beginRequest(BeginRequestCompletion completion) {
+  std::unique_lock lock(mutex_);
+  if (process_ && processReady_) {
+    auto process = process_;
+    const std::uint64_t generation = generation_;
+    ++pendingOpens_;  // counted before unlocking, so an idle stop cannot come in between
+    lock.unlock();
+    openRequest(process, generation, std::move(completion));
+    return;
+  }
+  if (process_) {
+    waiters_.push_back(std::move(completion));
+    return;
+  }
+
+  // Launch under the lock, so that concurrent requests join this launch; the process's
+  // callbacks take the lock too and so cannot overtake the bookkeeping below.
+  const std::uint64_t generation = generation_ + 1;
+  std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
+  ExtensionProcess::Callbacks callbacks{
+      .ready = [weak, generation] {
+        if (auto self = weak.lock())
+          self->processReady(generation);
+      },
+      .controlClosed = [weak, generation] {
+        if (auto self = weak.lock())
+          self->processControlClosed(generation);
+      },
+      .exited = [weak, generation](int, const std::string& reason) {
+        if (auto self = weak.lock())
+          self->processExited(generation, reason);
+      },
+  };
+  auto launched = ExtensionProcess::launch(*record_, timing_, std::move(callbacks));
+  if (!launched) {
+    lock.unlock();
+    DKLogError("%@", launched.error());
+    complete(std::move(completion), "", launched.error());
+    return;
+  }
+  generation_ = generation;
+  process_ = std::move(*launched);
+  processReady_ = false;
+  pendingOpens_ = 0;
+  waiters_.push_back(std::move(completion));
+}
+
+void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& process,
+                                      std::uint64_t generation,
+                                      BeginRequestCompletion completion) {
+  const std::string uuid = ExtensionControlChannel::makeRequestUuid();
+  ErrorPtr error;
+  std::shared_ptr<IpcConnection> connection;
+
+  int fds[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+    error = IpcError(IpcErrorCode::ConnectionInvalid,
+                     "Cannot open a request to extension " + process->description() +
+                         ": socketpair: " + std::strerror(errno));
+  } else {
+    ScopedFd extensionEnd(fds[1]);
+    auto adopted = IpcConnection::adoptSocket(
+        fds[0], "request " + uuid + " to extension " + record_->identifier());
+    if (!adopted) {
+      error = adopted.error();
+    } else {
+      connection = std::move(*adopted);
+      connection->setExportedInterface(contextClass_.hostInterface());
+      connection->setExportedObject(std::make_shared<IpcHandlerTable>());
+      connection->setRemoteInterface(contextClass_.vendorInterface());
+      std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
+      connection->setInvalidationHandler([weak, uuid] {
+        if (auto self = weak.lock())
+          self->requestConnectionClosed(uuid);
+      });
+      connection->resume();
+      if (auto sent = process->sendBegin(uuid, extensionEnd.get()); !sent) {
+        error = IpcError(IpcErrorCode::ConnectionInvalid,
+                         "Cannot hand request " + uuid + " to extension " +
+                             process->description() + ": " + sent.error()->localizedDescription());
+      }
+    }
+  }
+
+  bool closedAtOnce = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (generation == generation_ && pendingOpens_ > 0)
+      --pendingOpens_;
+    if (!error && process->hasExited()) {
+      // Its exit has been (or is about to be) handled without this request; do not leave a
+      // request behind that nothing will end.
+      error = IpcError(IpcErrorCode::ConnectionInterrupted,
+                       "Extension " + process->description() +
+                           " ended before request " + uuid + " could begin");
+    }
+    if (!error) {
+      // A connection closed already has run, or will run, its invalidation handler before
+      // the request was known: forget it here instead.
+      closedAtOnce = !connection->isValid();
+      if (closedAtOnce) {
+        error = IpcError(IpcErrorCode::ConnectionInterrupted,
+                         "Extension " + process->description() + " closed request " + uuid +
+                             " as it began");
+      } else {
+        requests_.emplace(uuid, Request{connection, std::make_shared<RequestContext>(connection),
+                                        process, generation});
+      }
+    }
+    if (error)
+      scheduleIdleStopIfIdleLocked();
+  }
+  if (error) {
+    if (closedAtOnce)
+      (void)process->sendCancel(uuid);
+    if (connection)
+      connection->invalidate();
+    DKLogError("%@", error);
+    complete(std::move(completion), "", error);
+    return;
+  }
+  DKLogDebug("Began request %s to extension %@", uuid, *process);
+  complete(std::move(completion), uuid, nullptr);
+}
+
+void ExtensionSupervisor::complete(BeginRequestCompletion completion,
+                                   std::string uuid,
+                                   ErrorPtr error) {
+  completionQueue_->async([completion = std::move(completion), uuid = std::move(uuid),
+                           error = std::move(error)] { completion(uuid, error); });
+}
+
+void ExtensionSupervisor::cancelRequest(const std::string& requestUuid) {
+  Request request;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = requests_.find(requestUuid);
+    if (it == requests_.end())
+      return;
+    request = std::move(it->second);
+    requests_.erase(it);
+    scheduleIdleStopIfIdleLocked();
+  }
+  if (auto process = request.process.lock())
+    (void)process->sendCancel(requestUuid);
+  request.connection->invalidate();
+}
+
+std::shared_ptr<ExtensionContext> ExtensionSupervisor::contextForRequest(
+    const std::string& requestUuid) {
+  std::lock_guard lock(mutex_);
+  auto it = requests_.find(requestUuid);
+  return it == requests_.end() ? nullptr : it->second.context;
+}
+
+void ExtensionSupervisor::requestConnectionClosed(const std::string& requestUuid) {
+  std::shared_ptr<ExtensionProcess> process;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = requests_.find(requestUuid);
+    if (it == requests_.end())
+      return;
+    process = it->second.process.lock();
+    requests_.erase(it);
+    scheduleIdleStopIfIdleLocked();
+  }
+  // The extension may have closed its end without being told; tell it the request is over.
+  if (process && !process->hasExited())
+    (void)process->sendCancel(requestUuid);
+}
+
+void ExtensionSupervisor::processReady(std::uint64_t generation) {
+  std::vector<BeginRequestCompletion> waiters;
+  std::shared_ptr<ExtensionProcess> process;
+  {
+    std::lock_guard lock(mutex_);
+    if (generation != generation_ || !process_)
+      return;
+    processReady_ = true;
+    process = process_;
+    waiters = std::move(waiters_);
+    waiters_.clear();
+    pendingOpens_ += waiters.size();
+    scheduleIdleStopIfIdleLocked();
+  }
+  for (BeginRequestCompletion& waiter : waiters)
+    openRequest(process, generation, std::move(waiter));
+}
+
+void ExtensionSupervisor::processControlClosed(std::uint64_t generation) {
+  std::lock_guard lock(mutex_);
+  // Before it was ready, waiters keep waiting for the exit status (or the kill) to say why.
+  // Once ready, new requests go to a new process; open ones stay until their connections
+  // close or the old process is reaped.
+  if (generation == generation_ && process_ && processReady_) {
+    process_.reset();
+    processReady_ = false;
+  }
+}
+
+void ExtensionSupervisor::processExited(std::uint64_t generation, const std::string& reason) {
+  std::vector<BeginRequestCompletion> waiters;
+  std::vector<std::shared_ptr<IpcConnection>> orphans;
+  std::string description;
+  {
+    std::lock_guard lock(mutex_);
+    if (generation == generation_ && process_) {
+      description = process_->description();
+      if (!processReady_) {
+        waiters = std::move(waiters_);
+        waiters_.clear();
+      }
+      process_.reset();
+      processReady_ = false;
+    }
+    for (auto it = requests_.begin(); it != requests_.end();) {
+      if (it->second.generation == generation) {
+        orphans.push_back(it->second.connection);
+        it = requests_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (BeginRequestCompletion& waiter : waiters) {
+    complete(std::move(waiter), "",
+             IpcError(IpcErrorCode::ConnectionInterrupted,
+                      "Extension " + description + " " + reason + " before it was ready"));
+  }
+  if (!orphans.empty()) {
+    DispatchQueue::global()->after(
+        kOrphanedConnectionGrace,
+        [orphans = std::move(orphans)] {
+          for (const auto& connection : orphans)
+            connection->invalidate();
+        },
+        timing_.scheduler);
+  }
+}
+
+bool ExtensionSupervisor::currentProcessIsIdleLocked() const {
+  if (!process_ || !processReady_ || pendingOpens_ > 0)
+    return false;
+  for (const auto& [uuid, request] : requests_) {
+    if (request.generation == generation_)
+      return false;
+  }
+  return true;
+}
+
+void ExtensionSupervisor::scheduleIdleStopIfIdleLocked() {
+  if (!currentProcessIsIdleLocked())
+    return;
+  const std::uint64_t token = ++idleToken_;
+  const std::uint64_t generation = generation_;
+  std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
+  DispatchQueue::global()->after(
+      idleTime_,
+      [weak, generation, token] {
+        if (auto self = weak.lock())
+          self->idleTimeElapsed(generation, token);
+      },
+      timing_.scheduler);
+}
+
+void ExtensionSupervisor::idleTimeElapsed(std::uint64_t generation, std::uint64_t token) {
+  std::shared_ptr<ExtensionProcess> process;
+  {
+    std::lock_guard lock(mutex_);
+    if (generation != generation_ || token != idleToken_ || !currentProcessIsIdleLocked())
+      return;
+    process = std::move(process_);
+    process_.reset();
+    processReady_ = false;
+  }
+  DKLogInfo("Extension %@ has had no request for %ld s; stopping it", *process,
+            static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(idleTime_).count()));
+  process->stop();
+}
+
+}  // namespace daskel::platform

@@ -1,0 +1,126 @@
+// ExtensionSupervisor: the AppExtension of one plug-in record on Linux. It runs the bundle's
+// executable as an ExtensionProcess when a request begins and none runs, and gives every
+// request a socketpair: the daemon's end becomes the request's IpcConnection (exporting the
+// context class's host interface with no operations behind it, its remote interface the
+// vendor interface), the other end goes to the extension in a {"begin": uuid} packet.
+//
+// Lifecycle of the process:
+// - beginRequest() launches it if none runs; requests arriving while it starts wait for the
+//   same launch. If it cannot be started, exits or closes its control socket before it is
+//   ready, or is not ready in time, every waiting request fails with the reason.
+// - A request ends by cancelRequest() ({"cancel": uuid}, then the connection is closed), or
+//   when its connection closes by itself (a cancel is still sent while the process runs).
+// - With no open request for the idle time, the process is stopped (control socket closed,
+//   killed after a grace time if it lingers). The next request starts it again.
+// - When the process dies, its requests are forgotten; their connections see the peer gone,
+//   so proxies' error handlers hear ConnectionInterrupted. The next request relaunches.
+// - Destroying the supervisor stops its process and closes every open request connection.
+//
+// Ownership: shared (create()); holds its record, its current process and its requests'
+// connections. Callbacks from processes, connections and timers hold it weakly.
+// THREADING NOTES: every member may be called from any thread. Completions run on the
+// completion queue (the global queue unless given), never on the caller's stack.
+// Failure: beginRequest() completions carry POSIX-domain errors when the executable cannot
+// be started (path, errno text), IPC-domain errors (ConnectionInterrupted) when the process
+// ended before it was ready (with its exit status), ConnectionInvalid when the request could
+// not be handed to the extension. Process exits, kills and idle stops are logged.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/dispatch/DispatchQueue.h"
+#include "platform/extensions/AppExtension.h"
+#include "platform/extensions/ExtensionProcess.h"
+#include "platform/extensions/PluginRecord.h"
+
+namespace daskel::platform {
+
+struct ExtensionSupervisorOptions {
+  ExtensionContextClass contextClass;
+  // How long a process with no open request keeps running; DASKEL_EXTENSION_IDLE_SECONDS
+  // (extensionIdleSeconds()) when not given.
+  std::optional<std::chrono::steady_clock::duration> idleTime;
+  // Ready timeout, stop grace and the scheduler that times them (and the idle time).
+  ExtensionProcess::Timing timing;
+  // Where beginRequest() completions run; DispatchQueue::global() when null.
+  std::shared_ptr<DispatchQueue> completionQueue;
+};
+
+class ExtensionSupervisor final : public AppExtension,
+                                  public std::enable_shared_from_this<ExtensionSupervisor> {
+ public:
+  static std::shared_ptr<ExtensionSupervisor> create(std::shared_ptr<const PluginRecord> record,
+                                                     ExtensionSupervisorOptions options);
+  ~ExtensionSupervisor() override;
+  ExtensionSupervisor(const ExtensionSupervisor&) = delete;
+  ExtensionSupervisor& operator=(const ExtensionSupervisor&) = delete;
+
+  const std::shared_ptr<const PluginRecord>& record() const { return record_; }
+  // The pid of the process that runs (or is starting) for new requests; 0 when none.
+  pid_t processIdentifier() const;
+  // How many requests are open, whichever process serves them.
+  std::size_t openRequestCount() const;
+
+  std::string identifier() const override;
+  std::string description() const override;
+  bool isEqual(const AppExtension& other) const override;
+  void beginRequest(BeginRequestCompletion completion) override;
+  void cancelRequest(const std::string& requestUuid) override;
+  std::shared_ptr<ExtensionContext> contextForRequest(const std::string& requestUuid) override;
+
+ private:
+  class RequestContext;
+  struct Request {
+    std::shared_ptr<IpcConnection> connection;
+    std::shared_ptr<ExtensionContext> context;
+    std::weak_ptr<ExtensionProcess> process;
+    std::uint64_t generation;
+  };
+
+  ExtensionSupervisor(std::shared_ptr<const PluginRecord> record,
+                      ExtensionSupervisorOptions options);
+
+  // Opens one request on `process` (launch `generation`) and completes `completion`. The
+  // caller has counted it in pendingOpens_ while `generation` was current.
+  void openRequest(const std::shared_ptr<ExtensionProcess>& process,
+                   std::uint64_t generation,
+                   BeginRequestCompletion completion);
+  void complete(BeginRequestCompletion completion, std::string uuid, ErrorPtr error);
+
+  // ExtensionProcess callbacks.
+  void processReady(std::uint64_t generation);
+  void processControlClosed(std::uint64_t generation);
+  void processExited(std::uint64_t generation, const std::string& reason);
+
+  void requestConnectionClosed(const std::string& requestUuid);
+  // Starts the idle timer when the current process is ready and serves nothing.
+  void scheduleIdleStopIfIdleLocked();
+  void idleTimeElapsed(std::uint64_t generation, std::uint64_t token);
+  bool currentProcessIsIdleLocked() const;
+
+  const std::shared_ptr<const PluginRecord> record_;
+  const ExtensionContextClass contextClass_;
+  const std::chrono::steady_clock::duration idleTime_;
+  const ExtensionProcess::Timing timing_;
+  const std::shared_ptr<DispatchQueue> completionQueue_;
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<ExtensionProcess> process_;  // the process new requests go to
+  std::uint64_t generation_ = 0;               // of process_; one more per launch
+  bool processReady_ = false;
+  std::vector<BeginRequestCompletion> waiters_;  // for process_ to become ready
+  std::size_t pendingOpens_ = 0;                 // requests being opened on process_
+  std::uint64_t idleToken_ = 0;                  // bumped whenever an idle timer goes stale
+  std::map<std::string, Request> requests_;
+};
+
+}  // namespace daskel::platform
