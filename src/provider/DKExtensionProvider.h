@@ -18,8 +18,10 @@
 // Failure: completions and log lines only; nothing is thrown.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -87,11 +89,20 @@ class DKExtensionProvider : public platform::CoordinationProvider,
   static constexpr std::int32_t kRegistrationTries = 3;
   static constexpr std::chrono::seconds kRegistrationRetryDelay{2};
 
-  // Never null. Logs one error line and leaves providedItemsURL() empty when the storage
-  // directory cannot be deduced from the extension's plug-in record.
+  // Never null; `extension` must not be null. Logs one error line and leaves
+  // providedItemsURL() empty when the storage directory cannot be deduced from the
+  // extension's plug-in record.
   static std::shared_ptr<DKExtensionProvider> initWithExtension(
       std::shared_ptr<platform::AppExtension> extension,
       DKProviderPlatform platform);
+
+  // The initialiser's deduction of the provided-items URL from a plug-in record's Info.plist
+  // and group containers: "<container of the OxExtensionDaskelDocumentGroup>/Daskel Storage/",
+  // or nullopt after one error line naming `extension`.
+  static std::optional<platform::Url> providedItemsURLFromInfo(
+      const platform::Value& infoDictionary,
+      const std::map<std::string, platform::Url>& groupContainerURLs,
+      const platform::AppExtension& extension);
 
   ~DKExtensionProvider() override;
 

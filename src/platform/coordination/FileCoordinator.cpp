@@ -1,0 +1,60 @@
+#include "platform/coordination/FileCoordinator.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/filesystem/FileSystem.h"
+
+namespace daskel::platform {
+
+FileCoordinator& FileCoordinator::shared() {
+  // Lives for the life of the process: providers may still be called during exit.
+  static FileCoordinator* const coordinator = new FileCoordinator();
+  return *coordinator;
+}
+
+void FileCoordinator::addProvider(std::shared_ptr<CoordinationProvider> provider) {
+  if (!provider)
+    return;
+  std::lock_guard lock(mutex_);
+  if (std::ranges::find(providers_, provider) != providers_.end())
+    return;
+  providers_.push_back(std::move(provider));
+}
+
+void FileCoordinator::removeProvider(const std::shared_ptr<CoordinationProvider>& provider) {
+  std::shared_ptr<CoordinationProvider> removed;  // released after the lock
+  std::lock_guard lock(mutex_);
+  auto found = std::ranges::find(providers_, provider);
+  if (found == providers_.end())
+    return;
+  removed = std::move(*found);
+  providers_.erase(found);
+}
+
+std::vector<std::shared_ptr<CoordinationProvider>> FileCoordinator::providers() const {
+  std::lock_guard lock(mutex_);
+  return providers_;
+}
+
+bool FileCoordinator::isRegistered(const CoordinationProvider& provider) const {
+  std::lock_guard lock(mutex_);
+  return std::ranges::any_of(providers_,
+                             [&](const auto& known) { return known.get() == &provider; });
+}
+
+std::shared_ptr<CoordinationProvider> FileCoordinator::providerForURL(const Url& url) const {
+  // Providers are asked for their directory outside the lock: the question may take a
+  // provider's own lock, and a provider may call back into the coordinator.
+  for (const auto& provider : providers()) {
+    const std::optional<Url> directory = provider->_providedItemsURL();
+    if (!directory)
+      continue;
+    auto relationship = relationshipOfDirectoryToItem(*directory, url);
+    if (relationship && *relationship == DirectoryRelationship::Contains)
+      return provider;
+  }
+  return nullptr;
+}
+
+}  // namespace daskel::platform
