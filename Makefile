@@ -40,9 +40,10 @@ test-tsan: deps
 	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --test-dir $(TSAN_DIR) --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 
-run:
-	@echo "make run: the daemon (daskeld) is not built yet; 'make test' builds and tests what exists." >&2
-	@exit 1
+# Builds, lays out a demo installation under build/demo and runs daskeld in the foreground.
+run: deps configure
+	cmake --build $(BUILD_DIR) -j $(JOBS) --target daskeld daskelctl local-folder-provider
+	scripts/run-demo $(BUILD_DIR)
 
 # Runs every benchmark and writes build/bench/summary.json.
 bench: build
