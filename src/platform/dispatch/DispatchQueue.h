@@ -7,6 +7,11 @@
 //   queue's turn, or as a reader/barrier on a concurrent queue), and returns after it ran.
 //   So a sync from a pool thread cannot starve the pool, and a sync reader queued after a
 //   barrier sees the barrier's effect.
+// - runHereOrAsync() is async() for a thread that already has the CPU: when the queue is idle
+//   (not suspended, nothing pending or running) the block runs at once on the calling thread,
+//   as the queue's turn, so isCurrent() holds during it and later blocks wait for it; when
+//   the queue is busy the block is appended exactly as async() appends it. Callers that feed
+//   a queue from one producer keep their order either way.
 // - suspend() stops new blocks from starting (a running block finishes); resume() restarts.
 //   Suspensions count: n suspends need n resumes.
 // - after() submits a block once a delay has passed, timed by a Scheduler (injectable, so
@@ -51,6 +56,10 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   virtual Kind kind() const = 0;
 
   virtual void async(DispatchBlock block) = 0;
+  // Runs `block` on the calling thread now if the queue is idle, else the same as async().
+  // The calling thread must be able to afford running the block (it may take long or block);
+  // the default, for queues that cannot tell, is async().
+  virtual void runHereOrAsync(DispatchBlock block) { async(std::move(block)); }
   // On a serial queue the same as async.
   virtual void barrierAsync(DispatchBlock block) = 0;
   virtual void sync(std::function<void()> block) = 0;

@@ -434,6 +434,115 @@ TEST(DispatchQueue, IsCurrentExactlyWhileTheThreadRunsItsBlocks) {
   EXPECT_FALSE(second->isCurrent());
 }
 
+// ---- runHereOrAsync ----
+
+TEST(RunHereOrAsync, RunsAtOnceOnTheCallingThreadAsTheQueuesTurnWhenTheQueueIsIdle) {
+  auto queue = DispatchQueue::createSerial("test.here.idle");
+  const auto caller = std::this_thread::get_id();
+  bool ranHere = false, current = false;
+  std::atomic<bool> laterBlockOverlapped{false};
+  std::atomic<bool> inside{false};
+  TestLatch laterRan(1);
+  queue->runHereOrAsync([&] {
+    inside = true;
+    ranHere = std::this_thread::get_id() == caller;
+    current = queue->isCurrent();
+    // Submitted while this block runs: it must wait for it, even though the queue's pool
+    // job is free to start it on another thread.
+    queue->async([&] {
+      laterBlockOverlapped = inside.load();
+      laterRan.countDown();
+    });
+    letThePoolRun();
+    inside = false;
+  });
+  EXPECT_TRUE(ranHere);
+  EXPECT_TRUE(current);
+  EXPECT_FALSE(queue->isCurrent());
+  ASSERT_TRUE(laterRan.waitFor());
+  EXPECT_FALSE(laterBlockOverlapped);
+}
+
+TEST(RunHereOrAsync, QueuesBehindEarlierBlocksWhenTheQueueIsBusyOrSuspended) {
+  auto queue = DispatchQueue::createSerial("test.here.busy");
+  const auto caller = std::this_thread::get_id();
+  std::vector<int> order;  // touched by the queue's blocks only
+  std::atomic<bool> anyRanOnCaller{false};
+  TestLatch firstInside(1);
+  TestLatch gate(1);
+  queue->async([&] {
+    firstInside.countDown();
+    EXPECT_TRUE(gate.waitFor());
+    order.push_back(0);
+  });
+  ASSERT_TRUE(firstInside.waitFor());
+  for (int i = 1; i <= 20; ++i) {
+    // Alternating, so that both kinds of submission sit in the queue together.
+    auto block = [&, i] {
+      anyRanOnCaller = anyRanOnCaller || std::this_thread::get_id() == caller;
+      order.push_back(i);
+    };
+    if (i % 2 == 0) {
+      queue->runHereOrAsync(block);
+    } else {
+      queue->async(block);
+    }
+  }
+  gate.countDown();
+  queue->sync([] {});
+
+  queue->suspend();
+  std::atomic<bool> ranWhileSuspended{false};
+  queue->runHereOrAsync([&] {
+    ranWhileSuspended = true;
+    order.push_back(21);
+  });
+  letThePoolRun();
+  EXPECT_FALSE(ranWhileSuspended);
+  queue->resume();
+  queue->sync([] {});
+
+  std::vector<int> expected(22);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(order, expected);
+  EXPECT_FALSE(anyRanOnCaller);
+}
+
+TEST(RunHereOrAsync, KeepsOneBlockAtATimeWhileManyThreadsFeedTheQueueBothWays) {
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 500;
+  auto queue = DispatchQueue::createSerial("test.here.mixed");
+  OverlapProbe probe;
+  std::vector<std::vector<int>> seen(kThreads);  // touched by the queue's blocks only
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        auto block = [&, t, i] {
+          probe.enter();
+          seen[t].push_back(i);
+          probe.leave();
+        };
+        if ((i + t) % 3 == 0) {
+          queue->async(block);
+        } else {
+          queue->runHereOrAsync(block);
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  queue->sync([] {});
+  EXPECT_FALSE(probe.overlapped);
+  std::vector<int> expected(kPerThread);
+  std::iota(expected.begin(), expected.end(), 0);
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(seen[t], expected) << "thread " << t << "'s blocks ran out of order or got lost";
+  }
+}
+
 TEST(DispatchQueue, GlobalQueueIsOneConcurrentQueueThatIgnoresSuspend) {
   auto global = DispatchQueue::global();
   EXPECT_EQ(global, DispatchQueue::global());

@@ -25,6 +25,32 @@ void PooledDispatchQueue::async(DispatchBlock block) {
   enqueue(std::move(block), kind_ == Kind::Serial);
 }
 
+void PooledDispatchQueue::runHereOrAsync(DispatchBlock block) {
+  if (!block) {
+    return;
+  }
+  const bool exclusive = kind_ == Kind::Serial;
+  {
+    std::lock_guard lock(mutex_);
+    if (!tryStartLocked(exclusive)) {
+      pending_.push_back(Item{std::move(block), nullptr, exclusive});
+      startEligibleLocked(nullptr);
+      return;
+    }
+  }
+  // The block may drop the caller's last reference to this queue.
+  const std::shared_ptr<DispatchQueue> self = shared_from_this();
+  {
+    CurrentQueueStack::Scope scope(this, exclusive);
+    block();
+    // Captures are released while the block still counts as running on this queue.
+    block = nullptr;
+  }
+  std::lock_guard lock(mutex_);
+  finishLocked(exclusive);
+  startEligibleLocked(nullptr);
+}
+
 void PooledDispatchQueue::barrierAsync(DispatchBlock block) {
   enqueue(std::move(block), true);
 }

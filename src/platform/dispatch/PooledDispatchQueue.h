@@ -8,6 +8,9 @@
 // start along with it; nothing passes an item that cannot start yet. A sync caller waits in
 // the FIFO like any block and, once granted, runs its block itself.
 //
+// runHereOrAsync claims the queue the way a sync caller does when it can start at once, and
+// runs the block in place; otherwise the block becomes an ordinary pending item.
+//
 // A pool job runs one async item, then, while the next head can start and the batch limit is
 // not reached, the following ones on the same thread (cheap serial draining); other startable
 // items become jobs of their own (overlapping concurrent blocks).
@@ -40,6 +43,7 @@ class PooledDispatchQueue final : public DispatchQueue {
   Kind kind() const override { return kind_; }
 
   void async(DispatchBlock block) override;
+  void runHereOrAsync(DispatchBlock block) override;
   void barrierAsync(DispatchBlock block) override;
   void sync(std::function<void()> block) override;
   void barrierSync(std::function<void()> block) override;

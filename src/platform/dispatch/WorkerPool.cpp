@@ -10,6 +10,8 @@ namespace {
 
 // The pool whose worker the calling thread is, if any.
 thread_local WorkerPool* tCurrentPool = nullptr;
+// Who hears of BlockingScopes on a thread that is no worker.
+thread_local WorkerPool::BlockingObserver* tBlockingObserver = nullptr;
 
 int defaultBaseThreads() {
   const unsigned hardware = std::thread::hardware_concurrency();
@@ -24,16 +26,25 @@ struct WorkerPool::IdleWorker {
   bool woken = false;
 };
 
-WorkerPool::BlockingScope::BlockingScope() : pool_(tCurrentPool) {
+WorkerPool::BlockingScope::BlockingScope()
+    : pool_(tCurrentPool), observer_(tCurrentPool ? nullptr : tBlockingObserver) {
   if (pool_) {
     pool_->threadWillBlock();
+  } else if (observer_) {
+    observer_->threadWillBlock();
   }
 }
 
 WorkerPool::BlockingScope::~BlockingScope() {
   if (pool_) {
     pool_->threadDidUnblock();
+  } else if (observer_) {
+    observer_->threadDidUnblock();
   }
+}
+
+void WorkerPool::observeBlockingOfThisThread(BlockingObserver* observer) {
+  tBlockingObserver = observer;
 }
 
 WorkerPool& WorkerPool::shared() {
@@ -54,7 +65,7 @@ WorkerPool::~WorkerPool() {
     std::lock_guard lock(mutex_);
     stopping_ = true;
     discarded.swap(jobs_);
-    for (IdleWorker* worker : idle_) {
+    for (const auto& worker : idle_) {
       worker->cv.notify_one();
     }
     monitorCv_.notify_all();
@@ -81,13 +92,19 @@ void WorkerPool::submit(Job job) {
   }
   jobs_.push_back(std::move(job));
   if (!idle_.empty()) {
-    IdleWorker* worker = idle_.back();
+    std::shared_ptr<IdleWorker> worker = std::move(idle_.back());
     idle_.pop_back();
     worker->woken = true;
+    lock.unlock();
+    // Signalled outside the lock, so the worker does not wake only to wait for it; `worker`
+    // keeps the condition variable alive even if the worker has moved on meanwhile.
     worker->cv.notify_one();
   } else if (threads_ - blocked_ < baseThreads_ && threads_ < maxThreads_) {
     spawnLocked();
-  } else if (threads_ < maxThreads_) {
+  } else if (threads_ < maxThreads_ && monitorSleeping_) {
+    // A monitor that is timing a stall already will see these jobs when its interval ends.
+    monitorSleeping_ = false;
+    lock.unlock();
     monitorCv_.notify_one();
   }
 }
@@ -156,11 +173,11 @@ void WorkerPool::workerMain(std::list<std::thread>::iterator self) {
     if (stopping_) {
       break;
     }
-    IdleWorker idle;
-    idle_.push_back(&idle);
-    idle.cv.wait_for(lock, idleTimeout_, [&] { return idle.woken || stopping_; });
-    if (!idle.woken) {
-      idle_.erase(std::find(idle_.begin(), idle_.end(), &idle));
+    const auto idle = std::make_shared<IdleWorker>();
+    idle_.push_back(idle);
+    idle->cv.wait_for(lock, idleTimeout_, [&] { return idle->woken || stopping_; });
+    if (!idle->woken) {
+      idle_.erase(std::find(idle_.begin(), idle_.end(), idle));
       if (!stopping_ && threads_ > baseThreads_ && jobs_.empty()) {
         break;
       }
@@ -169,6 +186,7 @@ void WorkerPool::workerMain(std::list<std::thread>::iterator self) {
   --threads_;
   exited_.splice(exited_.end(), workers_, self);
   exitCv_.notify_all();
+  monitorSleeping_ = false;
   monitorCv_.notify_one();  // the monitor joins exited workers
   tCurrentPool = nullptr;
 }
@@ -178,7 +196,9 @@ void WorkerPool::monitorMain() {
   while (!stopping_) {
     joinExitedLocked();
     if (!starvedLocked()) {
+      monitorSleeping_ = true;
       monitorCv_.wait(lock);
+      monitorSleeping_ = false;
       continue;
     }
     // Jobs wait and nobody is free to take them. If none starts within the interval, the

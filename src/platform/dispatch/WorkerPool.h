@@ -10,6 +10,13 @@
 //   (workers stuck in waits the pool cannot see): one thread is added per interval.
 // Threads beyond `baseThreads` exit after `idleTimeout` without work.
 //
+// Wake-ups are kept off the submitter's path: an idle worker is signalled after the pool's
+// lock is released, and the monitor is signalled only when it sleeps without a deadline (it
+// is already timing a stall otherwise).
+//
+// Threads that are not workers but run other code that may wait (the IPC loop's threads) can
+// hear of BlockingScopes on themselves through a BlockingObserver.
+//
 // shared() is the process-wide pool; it lives until the process exits. Separate pools exist
 // for tests. Destroying a pool discards jobs that have not started and joins its threads
 // (waiting for running jobs), so it must not be destroyed from one of its own jobs.
@@ -24,6 +31,7 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -48,8 +56,19 @@ class WorkerPool {
     std::size_t pendingJobs = 0;
   };
 
+  // Hears of the BlockingScopes of the threads it observes, on those threads.
+  class BlockingObserver {
+   public:
+    virtual void threadWillBlock() = 0;
+    virtual void threadDidUnblock() = 0;
+
+   protected:
+    ~BlockingObserver() = default;
+  };
+
   // Marks the calling thread, if it is a worker of some pool, as waiting for other pool work
-  // for the lifetime of the scope. Harmless on any other thread.
+  // for the lifetime of the scope; on a thread with a BlockingObserver, tells the observer.
+  // Harmless on any other thread.
   class BlockingScope {
    public:
     BlockingScope();
@@ -58,8 +77,13 @@ class WorkerPool {
     BlockingScope& operator=(const BlockingScope&) = delete;
 
    private:
-    WorkerPool* const pool_;  // not owned; null when the thread is not a worker
+    WorkerPool* const pool_;              // not owned; null when the thread is not a worker
+    BlockingObserver* const observer_;    // not owned; null without one
   };
+
+  // Makes `observer` (not owned; null to stop) hear of the calling thread's BlockingScopes.
+  // For threads that are not pool workers; it must outlive its use on the thread.
+  static void observeBlockingOfThisThread(BlockingObserver* observer);
 
   static WorkerPool& shared();
 
@@ -91,13 +115,16 @@ class WorkerPool {
 
   mutable std::mutex mutex_;
   std::deque<Job> jobs_;
-  std::vector<IdleWorker*> idle_;  // workers waiting for a job, most recent last
+  // Workers waiting for a job, most recent last; shared so that a submitter can signal one
+  // after releasing mutex_.
+  std::vector<std::shared_ptr<IdleWorker>> idle_;
   std::list<std::thread> workers_;
   std::list<std::thread> exited_;  // workers that left on idle timeout, to be joined
   int threads_ = 0;
   int blocked_ = 0;
   std::uint64_t jobsStarted_ = 0;
   bool stopping_ = false;
+  bool monitorSleeping_ = false;  // waiting without a deadline, for a starved pool
   std::condition_variable monitorCv_;
   std::condition_variable exitCv_;
   std::thread monitor_;

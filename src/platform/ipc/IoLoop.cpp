@@ -1,12 +1,14 @@
 #include "platform/ipc/IoLoop.h"
 
-#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <system_error>
+#include <thread>
 
 #include "platform/errors/DKErrors.h"
 #include "platform/log/Log.h"
@@ -16,6 +18,12 @@ namespace daskel::platform {
 namespace {
 
 constexpr int kMaxEventsPerWait = 64;
+constexpr int kMaxThreads = 64;
+constexpr std::chrono::milliseconds kStallInterval{10};
+constexpr std::chrono::milliseconds kIdleTimeout{5000};
+
+// The loop whose thread the calling thread is, if any.
+thread_local const IoLoop* tCurrentLoop = nullptr;
 
 ErrorPtr epollFailure(const char* what, int fd, int error) {
   return IpcError(IpcErrorCode::ConnectionInvalid, std::string("cannot ") + what + " socket " +
@@ -25,22 +33,41 @@ ErrorPtr epollFailure(const char* what, int fd, int error) {
 
 }  // namespace
 
+struct IoLoop::Registration {
+  Handler handler;
+  const int fd;
+  std::uint32_t events;
+  bool running = false;   // its handler runs on some loop thread
+  bool disarmed = false;  // reported while running; waits to be re-armed
+  bool removed = false;
+
+  Registration(Handler h, int f, std::uint32_t e) : handler(std::move(h)), fd(f), events(e) {}
+};
+
 IoLoop& IoLoop::shared() {
   // Never destroyed: connections may still be registered while the process exits, and the
-  // loop thread must not outlive its object.
+  // loop threads must not outlive their object.
   static IoLoop* const loop = new IoLoop();
   return *loop;
 }
 
-IoLoop::IoLoop() : epollFd_(::epoll_create1(EPOLL_CLOEXEC)) {
+IoLoop::IoLoop()
+    : epollFd_(::epoll_create1(EPOLL_CLOEXEC)),
+      maxThreads_(kMaxThreads),
+      stallInterval_(kStallInterval),
+      idleTimeout_(kIdleTimeout),
+      helpers_(static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 8u))) {
   if (epollFd_ < 0) {
     // Without epoll no socket of this process can work; there is nothing to fall back to.
     DKLogError("Cannot create the IPC epoll instance: %s", std::strerror(errno));
     std::abort();
   }
-  std::thread thread([this] { run(); });
-  loopThreadId_ = thread.get_id();
-  thread.detach();
+  std::lock_guard lock(mutex_);
+  spawnLocked();
+  if (threads_ == 0) {
+    std::abort();  // spawnLocked logged why
+  }
+  std::thread(&IoLoop::watchdogMain, this).detach();
 }
 
 Result<IoLoop::RegistrationId> IoLoop::add(int fd, std::uint32_t events, Handler handler) {
@@ -51,16 +78,26 @@ Result<IoLoop::RegistrationId> IoLoop::add(int fd, std::uint32_t events, Handler
   event.data.u64 = id;
   // Registered in the table first: the loop may report the descriptor the moment epoll_ctl
   // returns.
-  handlers_.emplace(id, std::make_shared<Handler>(std::move(handler)));
+  registrations_.emplace(id, std::make_shared<Registration>(std::move(handler), fd, events));
   if (::epoll_ctl(epollFd_, EPOLL_CTL_ADD, fd, &event) != 0) {
     const int error = errno;
-    handlers_.erase(id);
+    registrations_.erase(id);
     return failure(epollFailure("watch", fd, error));
   }
   return id;
 }
 
 Result<void> IoLoop::modify(RegistrationId id, int fd, std::uint32_t events) {
+  std::lock_guard lock(mutex_);
+  auto found = registrations_.find(id);
+  if (found == registrations_.end()) {
+    return {};
+  }
+  Registration& registration = *found->second;
+  registration.events = events;
+  if (registration.disarmed) {
+    return {};  // re-armed with these events when its handler returns
+  }
   epoll_event event{};
   event.events = events;
   event.data.u64 = id;
@@ -71,47 +108,191 @@ Result<void> IoLoop::modify(RegistrationId id, int fd, std::uint32_t events) {
 }
 
 void IoLoop::remove(RegistrationId id, int fd) {
-  std::shared_ptr<Handler> handler;
+  Handler handler;
   {
     std::lock_guard lock(mutex_);
-    auto found = handlers_.find(id);
-    if (found == handlers_.end()) {
+    auto found = registrations_.find(id);
+    if (found == registrations_.end()) {
       return;
     }
-    handler = std::move(found->second);
-    handlers_.erase(found);
+    Registration& registration = *found->second;
+    registration.removed = true;
+    if (!registration.running) {
+      handler = std::move(registration.handler);
+    }
+    registrations_.erase(found);
     ::epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
   }
   // `handler` (and what it captured) is released here, outside the lock: its captures may
-  // own objects whose destructors register or remove descriptors themselves.
+  // own objects whose destructors register or remove descriptors themselves. A running
+  // handler is released by the thread running it, when it returns.
 }
 
 bool IoLoop::isLoopThread() const {
-  return std::this_thread::get_id() == loopThreadId_;
+  return tCurrentLoop == this;
 }
 
-void IoLoop::run() {
+IoLoop::Stats IoLoop::stats() const {
+  std::lock_guard lock(mutex_);
+  return Stats{threads_, idle_};
+}
+
+void IoLoop::spawnLocked() {
+  if (threads_ >= maxThreads_) {
+    return;
+  }
+  try {
+    std::thread(&IoLoop::threadMain, this).detach();
+  } catch (const std::system_error& error) {
+    DKLogError("Cannot start an IPC loop thread (%d running): %s", threads_, error.what());
+    return;
+  }
+  ++threads_;
+}
+
+void IoLoop::handOnLocked() {
+  if (polling_) {
+    return;  // somebody listens already
+  }
+  if (idle_ > 0) {
+    idleCv_.notify_one();
+  } else {
+    spawnLocked();
+  }
+}
+
+void IoLoop::shareBatchLocked() {
+  // More than one socket is ready: a second core may work through them alongside this thread
+  // (and wait on epoll once they are taken). One wake-up for a whole batch.
+  if (idle_ > 0) {
+    idleCv_.notify_one();
+  } else if (threads_ < helpers_) {
+    spawnLocked();
+  }
+}
+
+void IoLoop::threadWillBlock() {
+  // Only handlers run on loop threads, and a handler that waits holds up whatever the loop
+  // has not handled yet.
+  std::lock_guard lock(mutex_);
+  handOnLocked();
+}
+
+void IoLoop::threadDidUnblock() {}
+
+void IoLoop::threadMain() {
+  tCurrentLoop = this;
+  WorkerPool::observeBlockingOfThisThread(this);
   epoll_event events[kMaxEventsPerWait];
+  std::unique_lock lock(mutex_);
   for (;;) {
-    const int count = ::epoll_wait(epollFd_, events, kMaxEventsPerWait, -1);
-    if (count < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      DKLogError("The IPC epoll wait failed: %s", std::strerror(errno));
-      std::abort();
+    if (!ready_.empty()) {
+      const epoll_event event = ready_.front();
+      ready_.pop_front();
+      dispatchLocked(lock, event);
+      continue;
     }
-    for (int i = 0; i < count; ++i) {
-      std::shared_ptr<Handler> handler;
-      {
-        std::lock_guard lock(mutex_);
-        auto found = handlers_.find(events[i].data.u64);
-        if (found == handlers_.end()) {
-          continue;  // removed after the kernel reported it
+    if (!polling_) {
+      polling_ = true;
+      ++polls_;
+      lock.unlock();
+      const int count = ::epoll_wait(epollFd_, events, kMaxEventsPerWait, -1);
+      const int error = errno;
+      lock.lock();
+      polling_ = false;
+      if (count < 0) {
+        if (error == EINTR) {
+          continue;
         }
-        handler = found->second;
+        DKLogError("The IPC epoll wait failed: %s", std::strerror(error));
+        std::abort();
       }
-      (*handler)(events[i].events);
+      ready_.insert(ready_.end(), events, events + count);
+      if (count > 1) {
+        shareBatchLocked();
+      }
+      continue;
+    }
+    // Another thread listens: wait until it needs help.
+    ++idle_;
+    const bool needed = idleCv_.wait_for(lock, idleTimeout_, [&] {
+      return !ready_.empty() || !polling_;
+    });
+    --idle_;
+    if (!needed && threads_ > 1) {
+      break;
+    }
+  }
+  --threads_;
+  WorkerPool::observeBlockingOfThisThread(nullptr);
+  tCurrentLoop = nullptr;
+}
+
+void IoLoop::dispatchLocked(std::unique_lock<std::mutex>& lock, const epoll_event& event) {
+  auto found = registrations_.find(event.data.u64);
+  if (found == registrations_.end()) {
+    return;  // removed after the kernel reported it
+  }
+  std::shared_ptr<Registration> registration = found->second;
+  if (registration->running) {
+    // Its handler runs on another thread (which must have blocked, or this thread would not
+    // be listening). Keep the kernel from reporting it over and over meanwhile: one-shot with
+    // no events reports a hang-up at most once more.
+    if (!registration->disarmed) {
+      epoll_event quiet{};
+      quiet.events = EPOLLONESHOT;
+      quiet.data.u64 = event.data.u64;
+      ::epoll_ctl(epollFd_, EPOLL_CTL_MOD, registration->fd, &quiet);
+      registration->disarmed = true;
+    }
+    return;
+  }
+  registration->running = true;
+  ++running_;
+  ++started_;
+  if (watchdogSleeping_) {
+    watchdogSleeping_ = false;
+    watchdogCv_.notify_one();
+  }
+  lock.unlock();
+  registration->handler(event.events);
+  lock.lock();
+  registration->running = false;
+  --running_;
+  if (registration->removed) {
+    Handler handler = std::move(registration->handler);
+    lock.unlock();
+    handler = nullptr;  // its captures go outside the lock, as in remove()
+    registration.reset();
+    lock.lock();
+    return;
+  }
+  if (registration->disarmed) {
+    registration->disarmed = false;
+    epoll_event armed{};
+    armed.events = registration->events;
+    armed.data.u64 = event.data.u64;
+    if (::epoll_ctl(epollFd_, EPOLL_CTL_MOD, registration->fd, &armed) != 0) {
+      DKLogError("Cannot watch socket %d again: %s", registration->fd, std::strerror(errno));
+    }
+  }
+}
+
+void IoLoop::watchdogMain() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    if (running_ == 0) {
+      // Nothing can hold the loop up until a handler starts.
+      watchdogSleeping_ = true;
+      watchdogCv_.wait(lock, [&] { return !watchdogSleeping_; });
+    }
+    const std::uint64_t started = started_;
+    const std::uint64_t polls = polls_;
+    watchdogCv_.wait_for(lock, stallInterval_);
+    // Handlers run, nobody listens, and for a whole interval nobody started a handler or a
+    // wait: the threads are stuck in handlers.
+    if (running_ > 0 && !polling_ && started_ == started && polls_ == polls) {
+      handOnLocked();
     }
   }
 }

@@ -1,44 +1,71 @@
-// IoLoop: the one thread of the process that waits on epoll for every IPC socket (listening
-// sockets and connections alike), so the number of connections never sets the number of
-// threads.
+// IoLoop: waits on one epoll instance for every IPC socket of the process (listening sockets
+// and connections alike) and runs the handlers of ready descriptors, so the number of
+// connections never sets the number of threads.
 //
 // A registration names a file descriptor (borrowed: the registrant keeps owning and closing
-// it), the events of interest (level-triggered epoll events) and a handler that runs on the
-// loop thread with the events the kernel reported. Handlers must be short and must not block:
-// they read or write what the nonblocking socket allows and hand everything else to a
-// dispatch queue.
+// it), the events of interest (level-triggered epoll events) and a handler that runs on a loop
+// thread with the events the kernel reported. Handlers may do real work: IpcConnection runs a
+// request or a reply handler right there when the connection's queue is idle, and those may
+// block (a synchronous read, a sync onto a busy queue, a blocking call to another service).
 //
-// Ownership: the loop holds each handler (and whatever it captures) until remove(). The
-// process-wide loop from shared() is created on first use and lives for the rest of the
-// process.
+// THREADING MODEL (leader/followers):
+// - At most one loop thread waits in epoll_wait at a time; it takes a batch of events and runs
+//   their handlers itself, one after the other. A batch of one (a single busy connection, a
+//   client waiting for its reply) costs no thread switch. A larger batch wakes one more loop
+//   thread (up to one per core) that takes events from the same batch and waits on epoll once
+//   the batch is taken, so busy connections are served on several cores.
+// - A loop thread whose handler blocks hands the loop on: at once when it blocks in a
+//   WorkerPool::BlockingScope (DispatchQueue::sync, blocking IPC calls), otherwise when a
+//   watchdog sees that nobody has waited on epoll or started a handler for `stallInterval`.
+//   An idle loop thread (or a new one, up to `maxThreads`) then takes the rest of the batch and
+//   the epoll wait. So one slow or blocked handler never stops other sockets from being served.
+// - One registration's handler never runs on two threads at once. When its descriptor is
+//   reported again while its handler still runs elsewhere, the descriptor is disarmed until
+//   that handler returns and then re-armed with its current events (nothing is lost: the
+//   kernel reports what is still ready when it is re-armed).
+// - Loop threads beyond the first leave after `idleTimeout` without work.
 //
-// THREADING NOTES: add, modify and remove may be called from any thread, the loop thread
-// included. A handler may still run once after remove() returns when it was called from
-// another thread while the loop had already picked up an event (it is never called for a
-// registration removed *before* the loop looked the registration up); handlers therefore
+// Ownership: the loop holds each handler (and whatever it captures) until remove() (or, when
+// removed while running, until the running call returns). The process-wide loop from shared()
+// is created on first use and lives for the rest of the process.
+//
+// THREADING NOTES: add, modify and remove may be called from any thread, loop threads and
+// handlers included. A handler may still run once after remove() returns when it was called
+// from another thread while a loop thread had already picked up the event (it is never called
+// for a registration removed *before* the loop looked the registration up); handlers therefore
 // check their own state before touching their descriptor. Remove before closing the
-// descriptor.
+// descriptor: once removed, the loop never touches the descriptor again.
 //
 // Failure: add and modify return IpcError(ConnectionInvalid) with the errno text of epoll_ctl.
 #pragma once
 
+#include <sys/epoll.h>
+
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 #include <unordered_map>
 
+#include "platform/dispatch/WorkerPool.h"
 #include "platform/value/Result.h"
 
 namespace daskel::platform {
 
-class IoLoop {
+class IoLoop final : private WorkerPool::BlockingObserver {
  public:
   using Handler = std::function<void(std::uint32_t events)>;
   using RegistrationId = std::uint64_t;
 
-  // The process-wide loop; its thread starts on first use.
+  struct Stats {
+    int threads = 0;
+    int idle = 0;  // loop threads waiting to be needed
+  };
+
+  // The process-wide loop; its first thread starts on first use.
   static IoLoop& shared();
 
   IoLoop(const IoLoop&) = delete;
@@ -46,24 +73,54 @@ class IoLoop {
 
   // Starts reporting `events` (EPOLLIN, EPOLLOUT, ...) of `fd` to `handler`.
   Result<RegistrationId> add(int fd, std::uint32_t events, Handler handler);
-  // Changes the events of interest of a registration.
+  // Changes the events of interest of a registration. Unknown ids are ignored.
   Result<void> modify(RegistrationId id, int fd, std::uint32_t events);
   // Stops reporting and releases the handler. Unknown ids are ignored.
   void remove(RegistrationId id, int fd);
 
-  // True on the loop thread (inside a handler).
+  // True on a loop thread (inside a handler).
   bool isLoopThread() const;
 
+  Stats stats() const;
+
  private:
+  struct Registration;
+
   IoLoop();
-  // The loop thread: waits and calls handlers, for ever.
-  void run();
+  ~IoLoop() = default;  // never destroyed
+
+  void threadMain();
+  void watchdogMain();
+  // Runs the handler of `event` unless it runs elsewhere; called and returns with the lock.
+  void dispatchLocked(std::unique_lock<std::mutex>& lock, const epoll_event& event);
+  // Makes sure some loop thread other than the busy ones takes over the epoll wait.
+  void handOnLocked();
+  // Gets a second thread going on a batch of several ready sockets.
+  void shareBatchLocked();
+  void spawnLocked();
+
+  void threadWillBlock() override;
+  void threadDidUnblock() override;
 
   const int epollFd_;
-  std::thread::id loopThreadId_;
-  std::mutex mutex_;
+  const int maxThreads_;
+  const std::chrono::milliseconds stallInterval_;
+  const std::chrono::milliseconds idleTimeout_;
+  const int helpers_;  // threads that share batches: the number of cores
+
+  mutable std::mutex mutex_;
   RegistrationId nextId_ = 1;
-  std::unordered_map<RegistrationId, std::shared_ptr<Handler>> handlers_;
+  std::unordered_map<RegistrationId, std::shared_ptr<Registration>> registrations_;
+  std::deque<epoll_event> ready_;  // reported by the kernel, not yet handled
+  bool polling_ = false;           // a thread waits in epoll_wait
+  int threads_ = 0;
+  int idle_ = 0;
+  int running_ = 0;                // handlers running now
+  std::uint64_t started_ = 0;      // handlers started, ever
+  std::uint64_t polls_ = 0;        // epoll waits begun, ever
+  bool watchdogSleeping_ = false;  // waiting without a deadline: no handler runs
+  std::condition_variable idleCv_;
+  std::condition_variable watchdogCv_;
 };
 
 }  // namespace daskel::platform

@@ -271,14 +271,17 @@ void IpcConnection::close(ErrorPtr error, Cause cause, std::optional<std::string
 // ---- incoming ----
 
 void IpcConnection::streamDidReceiveFrame(std::vector<std::uint8_t> payload) {
-  queue_->async([self = shared_from_this(), payload = std::move(payload)] {
+  // Run right here on the loop thread when the queue is idle: that saves waking a pool
+  // worker for every message, and the stream hands frames out one at a time, so the queue
+  // still sees them in stream order.
+  queue_->runHereOrAsync([self = shared_from_this(), payload = std::move(payload)] {
     self->queueHandleFrame(payload);
     self->stream_->consumed(payload.size());
   });
 }
 
 void IpcConnection::streamDidEnd(IpcStream::End end, ErrorPtr reason) {
-  queue_->async([self = shared_from_this(), end, reason = std::move(reason)] {
+  queue_->runHereOrAsync([self = shared_from_this(), end, reason = std::move(reason)] {
     if (end == IpcStream::End::Violation) {
       self->refuse(reason);
     } else {

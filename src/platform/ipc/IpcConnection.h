@@ -41,7 +41,15 @@
 // IpcIdentityResolver); a peer that has exited has no entitlements.
 //
 // THREADING NOTES: every member may be called from any thread. Exported-object calls, reply
-// and error handlers and the interruption/invalidation handlers run on queue(), one at a time.
+// and error handlers and the interruption/invalidation handlers run on queue(), one at a time
+// (queue()->isCurrent() holds in them), in the order the peer sent the messages.
+// How a message gets there: an IoLoop thread reads it and, when queue() is idle, runs it at
+// once, on that loop thread, as queue()'s turn (no thread switch); when queue() is busy
+// (a message before it still runs, or other blocks were submitted to it), the message waits
+// in queue() behind them and a pool worker runs it. Handlers may block: the IoLoop then lets
+// another thread serve the other connections, and only this connection's later messages wait.
+// Requests and replies are written by the thread that sends them, straight to the socket
+// while it takes them; only what the socket does not take waits for the loop.
 //
 // Failure: factory functions return Result errors in the IPC domain (ConnectionInvalid, with
 // the path and errno text); everything after that is reported through error handlers and
@@ -159,7 +167,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
                 std::string name,
                 std::optional<AuditToken> auditToken);
 
-  // On the loop thread: hands stream events to the queue.
+  // On a loop thread, one call at a time: runs or queues stream events on the queue.
   void streamDidReceiveFrame(std::vector<std::uint8_t> payload);
   void streamDidEnd(IpcStream::End end, ErrorPtr reason);
 

@@ -233,6 +233,104 @@ TEST(IpcConnection, RunsRequestsOfDifferentConnectionsConcurrently) {
   second.client->invalidate();
 }
 
+TEST(IpcConnection, AHandlerBlockedUntilAnotherConnectionsRequestIsAnsweredDoesNotStopIt) {
+  // The first connection's handler waits, where nobody can see it, until the test has had
+  // the second connection's echo answered: the second connection must be served meanwhile.
+  auto inside = std::make_shared<TestLatch>(1);
+  auto answered = std::make_shared<TestLatch>(1);
+  auto sawAnswer = std::make_shared<Inbox<bool>>();
+  auto blockingTable = std::make_shared<IpcHandlerTable>();
+  blockingTable->on("note:", [inside, answered, sawAnswer](Value::Array, std::optional<ReplyBlock>) {
+    inside->countDown();
+    sawAnswer->push(answered->waitFor(kDeadline));
+  });
+  auto blocked = makePair(blockingTable);
+  auto served = makePair(echoService());
+
+  blocked.client->remoteObjectProxy()->call("note:", {Value(1)});
+  ASSERT_TRUE(inside->waitFor());
+  const auto reply = echo(served.client, "while the other waits");
+  answered->countDown();
+  EXPECT_EQ(reply, "while the other waits");
+  ASSERT_TRUE(sawAnswer->waitForCount(1));
+  EXPECT_TRUE(sawAnswer->items().front());
+  // The blocked connection itself works on afterwards.
+  blocked.client->remoteObjectProxy()->call("note:", {Value(2)});
+  ASSERT_TRUE(sawAnswer->waitForCount(2));
+  blocked.client->invalidate();
+  served.client->invalidate();
+}
+
+TEST(IpcConnection, AHandlerMayWaitForItsOwnCallOverAnotherConnection) {
+  // A handler that calls another service and waits for the answer, as a service asking a
+  // provider does: the request, its delivery and the reply all need the loop meanwhile.
+  auto downstream = makePair(echoService());
+  auto results = std::make_shared<Inbox<std::string>>();
+  auto table = std::make_shared<IpcHandlerTable>();
+  table->on("echo:completion:", [downstream = downstream.client](Value::Array args,
+                                                                 std::optional<ReplyBlock> reply) {
+    const auto answer = echo(downstream, "downstream " + *args[0].string());
+    (*reply)({Value(answer.value_or("(no answer)"))});
+  });
+  auto upstream = makePair(table);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(echo(upstream.client, std::to_string(i)), "downstream " + std::to_string(i));
+  }
+  upstream.client->invalidate();
+  downstream.client->invalidate();
+}
+
+TEST(IpcConnection, KeepsTheOrderWhileOtherBlocksKeepTheConnectionsQueueBusy) {
+  // Blocks submitted to the server's queue from another thread make it busy at random
+  // moments, so some requests wait in the queue and others find it idle: all must still
+  // arrive in the order sent, one at a time, on the queue.
+  constexpr int kCount = 3000;
+  auto received = std::make_shared<Inbox<std::int64_t>>();
+  auto probe = std::make_shared<std::atomic<int>>(0);
+  auto faults = std::make_shared<std::atomic<int>>(0);
+  auto serverHolder = std::make_shared<std::weak_ptr<IpcConnection>>();
+  auto table = std::make_shared<IpcHandlerTable>();
+  table->on("note:", [=](Value::Array args, std::optional<ReplyBlock>) {
+    if (probe->fetch_add(1) != 0) {
+      ++*faults;
+    }
+    if (auto server = serverHolder->lock(); !server || !server->queue()->isCurrent()) {
+      ++*faults;
+    }
+    received->push(*args[0].integer());
+    probe->fetch_sub(1);
+  });
+  auto pair = makePair(table);
+  *serverHolder = pair.server;
+  std::atomic<bool> sending{true};
+  std::thread busy([&, queue = pair.server->queue()] {
+    while (sending) {
+      queue->async([probe, faults] {
+        if (probe->fetch_add(1) != 0) {
+          ++*faults;
+        }
+        std::this_thread::yield();
+        probe->fetch_sub(1);
+      });
+      std::this_thread::yield();
+    }
+  });
+  auto proxy = pair.client->remoteObjectProxy();
+  for (int i = 0; i < kCount; ++i) {
+    proxy->call("note:", {Value(i)});
+  }
+  const bool all = received->waitForCount(kCount);
+  sending = false;
+  busy.join();
+  ASSERT_TRUE(all);
+  const auto items = received->items();
+  for (int i = 0; i < kCount; ++i) {
+    ASSERT_EQ(items[i], i) << "request " << i << " was delivered out of order";
+  }
+  EXPECT_EQ(faults->load(), 0) << "blocks overlapped or a request ran off the queue";
+  pair.client->invalidate();
+}
+
 TEST(IpcConnection, KeepsFramesWholeWhenManyThreadsSendLargeMessagesAtOnce) {
   auto pair = makePair(echoService());
   constexpr int kThreads = 4;

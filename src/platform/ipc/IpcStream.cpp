@@ -76,14 +76,12 @@ Result<void> IpcStream::start(FrameHandler onFrame, EndHandler onEnd) {
   if (closed_) {
     return failure(IpcError(IpcErrorCode::ConnectionInvalid, "the connection is closed"));
   }
-  onFrame_ = std::move(onFrame);
-  onEnd_ = std::move(onEnd);
+  handlers_ = std::make_shared<const Handlers>(Handlers{std::move(onFrame), std::move(onEnd)});
   reading_ = true;
   updateInterestLocked();
   if (!registration_) {
     reading_ = false;
-    onFrame_ = nullptr;
-    onEnd_ = nullptr;
+    handlers_.reset();
     return failure(IpcError(IpcErrorCode::ConnectionInvalid,
                             "cannot watch socket " + std::to_string(fd_) + " for input"));
   }
@@ -112,8 +110,7 @@ void IpcStream::consumed(std::size_t bytes) {
 
 void IpcStream::close() {
   const auto self = weak_from_this().lock();  // the handlers may hold the last owner
-  FrameHandler onFrame;
-  EndHandler onEnd;
+  std::shared_ptr<const Handlers> handlers;
   {
     std::lock_guard lock(mutex_);
     if (closed_) {
@@ -125,47 +122,64 @@ void IpcStream::close() {
     ::close(fd_);
     fd_ = -1;
     writes_.clear();
-    onFrame = std::move(onFrame_);
-    onEnd = std::move(onEnd_);
+    inbox_.clear();
+    end_.reset();
+    handlers = std::move(handlers_);
   }
   // The handlers (and the connection they keep alive) are released here, outside the lock.
 }
 
 void IpcStream::handleEvents(std::uint32_t events) {
-  std::vector<std::vector<std::uint8_t>> frames;
-  std::optional<std::pair<End, ErrorPtr>> end;
-  FrameHandler onFrame;
-  EndHandler onEnd;
-  {
-    std::lock_guard lock(mutex_);
-    if (closed_) {
-      return;
-    }
-    if (writeBlocked_ && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))) {
-      writeBlocked_ = false;
-      flushLocked();
-    }
-    if (reading_ && !readPaused_ && (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR))) {
-      readLocked(frames, end);
-    }
-    if (!frames.empty() || end) {
-      onFrame = onFrame_;
-      onEnd = onEnd_;
-    }
+  std::unique_lock lock(mutex_);
+  if (closed_) {
+    return;
   }
-  // Only this thread reads, so handing out in this order keeps the stream's order.
-  for (auto& frame : frames) {
-    onFrame(std::move(frame));
+  if (writeBlocked_ && (events & (EPOLLOUT | EPOLLERR | EPOLLHUP))) {
+    writeBlocked_ = false;
+    flushLocked();
   }
-  if (end) {
-    onEnd(end->first, std::move(end->second));
+  if (reading_ && !readPaused_ && (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR))) {
+    readLocked();
   }
+  deliverLocked(lock);
 }
 
-void IpcStream::readLocked(std::vector<std::vector<std::uint8_t>>& frames,
-                           std::optional<std::pair<End, ErrorPtr>>& end) {
+void IpcStream::deliverLocked(std::unique_lock<std::mutex>& lock) {
+  if (delivering_ || (inbox_.empty() && !end_)) {
+    return;  // the thread that is delivering takes what was added
+  }
+  delivering_ = true;
+  // Held for the whole run: close() clears the member meanwhile.
+  const std::shared_ptr<const Handlers> handlers = handlers_;
+  std::vector<std::vector<std::uint8_t>> batch;
+  while (!closed_) {
+    if (!inbox_.empty()) {
+      batch.swap(inbox_);
+      lock.unlock();
+      for (auto& frame : batch) {
+        handlers->onFrame(std::move(frame));
+      }
+      batch.clear();
+      lock.lock();
+    } else if (end_) {
+      auto [end, reason] = std::move(*end_);
+      end_.reset();
+      lock.unlock();
+      handlers->onEnd(end, std::move(reason));
+      lock.lock();
+    } else {
+      break;
+    }
+  }
+  delivering_ = false;
+  // The handlers (and the connection they may hold last) go after the lock.
+  lock.unlock();
+}
+
+void IpcStream::readLocked() {
   std::array<std::uint8_t, kReadChunk> buffer;
-  for (int round = 0; round < kReadsPerWakeup && !end; ++round) {
+  bool ended = false;
+  for (int round = 0; round < kReadsPerWakeup && !ended; ++round) {
     const ssize_t count = ::recv(fd_, buffer.data(), buffer.size(), 0);
     if (count < 0) {
       if (errno == EINTR) {
@@ -175,39 +189,43 @@ void IpcStream::readLocked(std::vector<std::vector<std::uint8_t>>& frames,
         break;
       }
       // ECONNRESET and the like: the peer went away, whatever it was in the middle of.
-      end.emplace(End::PeerClosed, nullptr);
+      end_.emplace(End::PeerClosed, nullptr);
+      ended = true;
       break;
     }
     if (count == 0) {
       if (auto finished = reader_.finish(); !finished) {
-        end.emplace(End::Violation, finished.error());
+        end_.emplace(End::Violation, finished.error());
       } else {
-        end.emplace(End::PeerClosed, nullptr);
+        end_.emplace(End::PeerClosed, nullptr);
       }
+      ended = true;
       break;
     }
     if (auto appended = reader_.append({buffer.data(), static_cast<std::size_t>(count)});
         !appended) {
-      end.emplace(End::Violation, appended.error());
+      end_.emplace(End::Violation, appended.error());
+      ended = true;
       break;
     }
     for (;;) {
       auto next = reader_.nextFrame();
       if (!next) {
-        end.emplace(End::Violation, next.error());
+        end_.emplace(End::Violation, next.error());
+        ended = true;
         break;
       }
       if (!*next) {
         break;
       }
       outstandingBytes_ += (*next)->size();
-      frames.push_back(std::move(**next));
+      inbox_.push_back(std::move(**next));
     }
     if (static_cast<std::size_t>(count) < buffer.size()) {
       break;  // drained; the loop reports more when it comes
     }
   }
-  if (end) {
+  if (ended) {
     reading_ = false;
   } else if (outstandingBytes_ > kReadPauseBytes) {
     readPaused_ = true;

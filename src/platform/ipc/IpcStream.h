@@ -2,10 +2,13 @@
 // Unix-domain stream socket, cuts what arrives into frames, and writes frames whole and in
 // the order they were queued.
 //
-// Reading runs on the IoLoop thread after start(): every complete frame payload goes to the
-// frame handler, then at most once the end handler says why the stream ended (the peer closed
-// cleanly, or a framing violation: a bad length, or the peer stopping in mid-frame). Both run
-// on the loop thread, in stream order, and must only hand work on (to a dispatch queue).
+// Reading runs on the IoLoop's threads after start(): every complete frame payload goes to
+// the frame handler, then at most once the end handler says why the stream ended (the peer
+// closed cleanly, or a framing violation: a bad length, or the peer stopping in mid-frame).
+// Both are called in stream order, one call at a time, on whichever loop thread delivers:
+// what a loop thread reads goes to an inbox, and the one thread that is delivering drains it,
+// so a handler that takes long (IpcConnection may run a whole request in it) holds back only
+// this stream, and a second loop thread that reads more meanwhile only adds to the inbox.
 //
 // Writing: send() queues a frame and writes at once as much as the socket takes; the rest
 // goes out when the loop reports the socket writable. Frames are never interleaved. A failing
@@ -22,8 +25,9 @@
 // capture); close() releases that.
 //
 // THREADING NOTES: every member may be called from any thread. The socket is only closed
-// under the stream's lock, and the loop thread reads only under it, so a descriptor is never
-// used after it was closed.
+// under the stream's lock, and loop threads read only under it, so a descriptor is never
+// used after it was closed. Handlers are called without the lock; they may call send(),
+// consumed() and close().
 #pragma once
 
 #include <sys/types.h>
@@ -89,9 +93,11 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   explicit IpcStream(int fd);
 
   void handleEvents(std::uint32_t events);
-  // Reads what is available; fills `frames` and, when the stream ended, `end`.
-  void readLocked(std::vector<std::vector<std::uint8_t>>& frames,
-                  std::optional<std::pair<End, ErrorPtr>>& end);
+  // Reads what is available into inbox_ and, when the stream ended, end_.
+  void readLocked();
+  // Hands inbox_ and end_ to the handlers unless another thread is doing so. Called with the
+  // lock held; may return with it released.
+  void deliverLocked(std::unique_lock<std::mutex>& lock);
   void flushLocked();
   void failWritesLocked();
   // Brings the loop registration in line with what the stream waits for.
@@ -104,12 +110,22 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   bool readPaused_ = false;   // too many bytes outstanding
   bool writeBlocked_ = false; // the socket took no more; waiting for EPOLLOUT
   bool writeFailed_ = false;
+  bool delivering_ = false;   // a thread is handing out inbox_
   std::size_t outstandingBytes_ = 0;
   std::deque<std::vector<std::uint8_t>> writes_;
   std::size_t writeOffset_ = 0;  // bytes of writes_.front() already written
   FrameReader reader_;
-  FrameHandler onFrame_;
-  EndHandler onEnd_;
+  // Read, not yet handed out. A vector, which costs nothing while empty (most connections
+  // are idle most of the time).
+  std::vector<std::vector<std::uint8_t>> inbox_;
+  std::optional<std::pair<End, ErrorPtr>> end_;   // read, not yet handed out
+  // Set by start(), cleared by close(); shared so that a delivering thread can hold them
+  // without copying the functions.
+  struct Handlers {
+    FrameHandler onFrame;
+    EndHandler onEnd;
+  };
+  std::shared_ptr<const Handlers> handlers_;
   std::optional<IoLoop::RegistrationId> registration_;
   std::uint32_t registeredEvents_ = 0;
 };
