@@ -13,6 +13,8 @@
 #include <cstring>
 
 #include "platform/errors/DKErrors.h"
+#include "platform/filesystem/FileSystem.h"
+#include "platform/ipc/IoLoop.h"
 #include "platform/log/Log.h"
 #include "provider/protocol/DKVendorProtocol.h"
 
@@ -35,6 +37,93 @@ platform::Result<void> ExtensionRunner::serve(platform::ExtensionControlChannel&
     DKLogError("Cannot tell the daemon that the extension is ready: %@", sent.error());
     return sent;
   }
+  // Control packets are read on the IPC loop rather than on this thread: the loop thread that
+  // adopts a request's socket goes straight back to its epoll wait, where the request's first
+  // message (sent right behind the begin packet) is usually waiting already, so a request
+  // starts without waking a second thread.
+  const int flags = ::fcntl(channel.fd(), F_GETFL);
+  if (flags < 0 || ::fcntl(channel.fd(), F_SETFL, flags | O_NONBLOCK) != 0) {
+    DKLogError("Cannot make the control socket non-blocking (%s); reading it on this thread",
+               std::strerror(errno));
+    return serveOnThisThread(channel);
+  }
+  auto control = std::make_shared<ControlState>();
+  control->channel = &channel;
+  auto registration = platform::IoLoop::shared().add(
+      channel.fd(), EPOLLIN,
+      [control, requests = requests_, vendor = vendor_](std::uint32_t) {
+        readControlPackets(*control, requests, vendor);
+      });
+  if (!registration) {
+    DKLogError("Cannot watch the control socket (%@); reading it on this thread",
+               registration.error());
+    (void)::fcntl(channel.fd(), F_SETFL, flags);
+    return serveOnThisThread(channel);
+  }
+  platform::Result<void> outcome;
+  {
+    std::unique_lock lock(control->mutex);
+    control->registration = *registration;
+    control->finishedCondition.wait(lock, [&] { return control->finished; });
+    outcome = std::move(control->outcome);
+  }
+  // A handler that runs after this sees `finished` and leaves the channel alone.
+  platform::IoLoop::shared().remove(*registration, channel.fd());
+  closeAll();
+  return outcome;
+}
+
+void ExtensionRunner::readControlPackets(ControlState& control,
+                                         const std::shared_ptr<Requests>& requests,
+                                         const std::shared_ptr<VendorObject>& vendor) {
+  platform::ExtensionControlChannel* channel;
+  {
+    std::lock_guard lock(control.mutex);
+    if (control.finished) {
+      return;
+    }
+    channel = control.channel;
+  }
+  // Handlers of one registration never overlap, and serve() returns only once `finished` is
+  // set below, so the channel stays valid throughout.
+  auto finish = [&control, channel](platform::Result<void> outcome) {
+    std::lock_guard lock(control.mutex);
+    control.finished = true;
+    control.outcome = std::move(outcome);
+    // The hung-up socket stays readable: stop hearing about it before serve() wakes to do so.
+    if (control.registration != 0) {
+      platform::IoLoop::shared().remove(control.registration, channel->fd());
+    }
+    control.finishedCondition.notify_all();
+  };
+  for (;;) {
+    auto received = channel->receive();
+    if (!received) {
+      const ErrorPtr& error = received.error();
+      if (error->domain == platform::kPosixErrorDomain &&
+          (error->code == EAGAIN || error->code == EWOULDBLOCK)) {
+        return;  // Everything sent so far has been handled.
+      }
+      // A refused packet leaves the socket usable; anything else ends the extension.
+      if (error->domain == kIpcErrorDomain) {
+        DKLogError("Ignoring a control packet from the daemon: %@", error);
+        continue;
+      }
+      DKLogError("The control socket failed: %@", error);
+      finish(platform::failure(error));
+      return;
+    }
+    if (!*received) {
+      DKLogInfo("The daemon closed the control socket; stopping.");
+      finish({});
+      return;
+    }
+    handleControlMessage(**received, requests, vendor);
+  }
+}
+
+platform::Result<void> ExtensionRunner::serveOnThisThread(
+    platform::ExtensionControlChannel& channel) {
   for (;;) {
     auto received = channel.receive();
     if (!received) {
@@ -52,25 +141,33 @@ platform::Result<void> ExtensionRunner::serve(platform::ExtensionControlChannel&
       closeAll();
       return {};
     }
-    ControlMessage& message = **received;
-    switch (message.kind) {
-      case ControlMessage::Kind::Begin:
-        begin(message.requestUuid, std::move(message.requestSocket));
-        break;
-      case ControlMessage::Kind::Cancel:
-        cancel(message.requestUuid);
-        break;
-      case ControlMessage::Kind::Ready:
-        DKLogError("Ignoring a ready packet from the daemon");
-        break;
-    }
+    handleControlMessage(**received, requests_, vendor_);
   }
 }
 
-void ExtensionRunner::begin(const std::string& uuid, platform::ScopedFd socket) {
+void ExtensionRunner::handleControlMessage(ControlMessage& message,
+                                           const std::shared_ptr<Requests>& requests,
+                                           const std::shared_ptr<VendorObject>& vendor) {
+  switch (message.kind) {
+    case ControlMessage::Kind::Begin:
+      begin(requests, vendor, message.requestUuid, std::move(message.requestSocket));
+      break;
+    case ControlMessage::Kind::Cancel:
+      cancel(*requests, message.requestUuid);
+      break;
+    case ControlMessage::Kind::Ready:
+      DKLogError("Ignoring a ready packet from the daemon");
+      break;
+  }
+}
+
+void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
+                            const std::shared_ptr<VendorObject>& vendor,
+                            const std::string& uuid,
+                            platform::ScopedFd socket) {
   {
-    std::lock_guard lock(requests_->mutex);
-    if (requests_->open.contains(uuid)) {
+    std::lock_guard lock(requests->mutex);
+    if (requests->open.contains(uuid)) {
       DKLogError("Request %@ began twice; closing the second socket", uuid);
       return;
     }
@@ -89,9 +186,9 @@ void ExtensionRunner::begin(const std::string& uuid, platform::ScopedFd socket) 
   }
   std::shared_ptr<IpcConnection> connection = std::move(*adopted);
   connection->setExportedInterface(DKVendorProtocolInterface());
-  connection->setExportedObject(vendor_);
+  connection->setExportedObject(vendor);
   connection->setRemoteInterface(DKHostProtocolInterface());
-  std::weak_ptr<Requests> weakRequests = requests_;
+  std::weak_ptr<Requests> weakRequests = requests;
   std::weak_ptr<IpcConnection> weakConnection = connection;
   connection->setInvalidationHandler([weakRequests, weakConnection, uuid] {
     auto requests = weakRequests.lock();
@@ -106,24 +203,24 @@ void ExtensionRunner::begin(const std::string& uuid, platform::ScopedFd socket) 
     }
   });
   {
-    std::lock_guard lock(requests_->mutex);
-    requests_->open.emplace(uuid, connection);
+    std::lock_guard lock(requests->mutex);
+    requests->open.emplace(uuid, connection);
   }
   DKLogDebug("Serving request %@", uuid);
   connection->resume();
 }
 
-void ExtensionRunner::cancel(const std::string& uuid) {
+void ExtensionRunner::cancel(Requests& requests, const std::string& uuid) {
   std::shared_ptr<IpcConnection> connection;
   {
-    std::lock_guard lock(requests_->mutex);
-    auto it = requests_->open.find(uuid);
-    if (it == requests_->open.end()) {
+    std::lock_guard lock(requests.mutex);
+    auto it = requests.open.find(uuid);
+    if (it == requests.open.end()) {
       DKLogDebug("Request %@ ended (its connection had already closed)", uuid);
       return;
     }
     connection = std::move(it->second);
-    requests_->open.erase(it);
+    requests.open.erase(it);
   }
   DKLogDebug("Request %@ ended", uuid);
   connection->invalidate();

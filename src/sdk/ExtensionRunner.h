@@ -5,19 +5,23 @@
 // connection. serve() returns when the daemon closes the control socket, after closing every
 // request connection still open.
 //
-// Each request's connection delivers on its own serial queue, so requests run concurrently
-// and a slow operation holds up only its own request.
+// Control packets are read on the process's IPC loop (IoLoop), so the loop thread that
+// adopts a request's socket is the one that then reads its first message. Each request's
+// connection delivers on its own serial queue, so requests run concurrently and a slow
+// operation holds up only its own request.
 //
 // Ownership: borrows the provider (not owned; it must outlive the runner and every request
 // connection). Owns the request connections it opened until they close.
-// THREADING NOTES: serve() blocks the calling thread; call it once, from one thread. The
-// other members may be called from any thread.
+// THREADING NOTES: serve() blocks the calling thread until the control socket closes; call
+// it once, from one thread. The other members may be called from any thread.
 // Failure: serve() returns an error when the control socket fails (not when it closes);
 // refused control packets and request sockets that cannot be adopted are logged and skipped.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,8 +57,31 @@ class ExtensionRunner {
     std::map<std::string, std::shared_ptr<platform::IpcConnection>> open;
   };
 
-  void begin(const std::string& uuid, platform::ScopedFd socket);
-  void cancel(const std::string& uuid);
+  // What serve() shares with the IPC loop's handler of the control socket.
+  struct ControlState {
+    std::mutex mutex;
+    std::condition_variable finishedCondition;
+    // Valid until `finished`: serve() waits for it before it returns.
+    platform::ExtensionControlChannel* channel = nullptr;  // not owned
+    std::uint64_t registration = 0;  // the IoLoop's, once added
+    bool finished = false;
+    platform::Result<void> outcome;
+  };
+
+  // On a loop thread: handles every packet waiting on the (non-blocking) control socket.
+  static void readControlPackets(ControlState& control,
+                                 const std::shared_ptr<Requests>& requests,
+                                 const std::shared_ptr<VendorObject>& vendor);
+  // The fallback when the socket cannot be watched: a blocking read loop on this thread.
+  platform::Result<void> serveOnThisThread(platform::ExtensionControlChannel& channel);
+  static void handleControlMessage(platform::ControlMessage& message,
+                                   const std::shared_ptr<Requests>& requests,
+                                   const std::shared_ptr<VendorObject>& vendor);
+  static void begin(const std::shared_ptr<Requests>& requests,
+                    const std::shared_ptr<VendorObject>& vendor,
+                    const std::string& uuid,
+                    platform::ScopedFd socket);
+  static void cancel(Requests& requests, const std::string& uuid);
   void closeAll();
 
   const std::shared_ptr<VendorObject> vendor_;

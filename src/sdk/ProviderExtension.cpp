@@ -106,20 +106,16 @@ Result<std::string> ProviderExtension::itemIdentifierForUrl(const Url& url) cons
   if (!url.isFileUrl()) {
     return failure(sdkError(SdkError::InvalidItem, what + " is not a file URL"));
   }
-  if (auto inside = requireInside(storageDirectoryUrl(), url, what); !inside) {
-    return failure(inside.error());
+  // The identifier is the relative path the containment test itself resolved and judged:
+  // each side is resolved once.
+  std::string relative;
+  auto relationship =
+      platform::relationshipOfDirectoryToItem(storageDirectoryUrl(), url, &relative);
+  if (!relationship) {
+    return failure(sdkError(SdkError::InvalidItem,
+                            what + ": " + relationship.error()->localizedDescription()));
   }
-  // Both sides resolved the same way as the containment test above, so the relative path
-  // is the one the test judged.
-  std::error_code error;
-  const fs::path base = fs::weakly_canonical(context().storageDirectoryPath(), error);
-  const fs::path item =
-      error ? fs::path() : fs::weakly_canonical(withoutTrailingSlash(url.path()), error);
-  if (error) {
-    return failure(sdkError(SdkError::InvalidItem, what + ": " + error.message()));
-  }
-  std::string relative = withoutTrailingSlash(item.lexically_relative(base).generic_string());
-  if (relative.empty() || relative == "." || relative.starts_with("..")) {
+  if (*relationship != DirectoryRelationship::Contains || relative.empty()) {
     return failure(sdkError(SdkError::InvalidItem,
                             what + " is not inside the storage directory " +
                                 storageDirectoryUrl().absoluteString()));

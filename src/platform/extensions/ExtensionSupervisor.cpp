@@ -95,7 +95,9 @@ void ExtensionSupervisor::beginRequest(BeginRequestCompletion completion) {
     const std::uint64_t generation = generation_;
     ++pendingOpens_;  // counted before unlocking, so an idle stop cannot come in between
     lock.unlock();
-    openRequest(process, generation, std::move(completion));
+    // The process runs: the request is opened and reported right here, on the caller's
+    // thread, with no hand-off to another queue.
+    openRequest(process, generation, std::move(completion), /*completeInline=*/true);
     return;
   }
   if (process_) {
@@ -137,7 +139,8 @@ void ExtensionSupervisor::beginRequest(BeginRequestCompletion completion) {
 
 void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& process,
                                       std::uint64_t generation,
-                                      BeginRequestCompletion completion) {
+                                      BeginRequestCompletion completion,
+                                      bool completeInline) {
   const std::string uuid = ExtensionControlChannel::makeRequestUuid();
   ErrorPtr error;
   std::shared_ptr<IpcConnection> connection;
@@ -206,11 +209,17 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
     if (connection)
       connection->invalidate();
     DKLogError("%@", error);
-    complete(std::move(completion), "", error);
+    if (completeInline)
+      completion("", error);
+    else
+      complete(std::move(completion), "", error);
     return;
   }
   DKLogDebug("Began request %s to extension %@", uuid, *process);
-  complete(std::move(completion), uuid, nullptr);
+  if (completeInline)
+    completion(uuid, nullptr);
+  else
+    complete(std::move(completion), uuid, nullptr);
 }
 
 void ExtensionSupervisor::complete(BeginRequestCompletion completion,
@@ -273,8 +282,9 @@ void ExtensionSupervisor::processReady(std::uint64_t generation) {
     pendingOpens_ += waiters.size();
     scheduleIdleStopIfIdleLocked();
   }
+  // On the watcher thread, which must not run the callers' code: these go to the queue.
   for (BeginRequestCompletion& waiter : waiters)
-    openRequest(process, generation, std::move(waiter));
+    openRequest(process, generation, std::move(waiter), /*completeInline=*/false);
 }
 
 void ExtensionSupervisor::processControlClosed(std::uint64_t generation) {

@@ -18,8 +18,11 @@
 //
 // Ownership: shared (create()); holds its record, its current process and its requests'
 // connections. Callbacks from processes, connections and timers hold it weakly.
-// THREADING NOTES: every member may be called from any thread. Completions run on the
-// completion queue (the global queue unless given), never on the caller's stack.
+// THREADING NOTES: every member may be called from any thread. A request that begins on a
+// process that is already running completes on the caller's thread, before beginRequest()
+// returns (so the caller must hold no lock its completion takes); one that waited for a
+// launch, or whose launch failed, completes on the completion queue (the global queue unless
+// given).
 // Failure: beginRequest() completions carry POSIX-domain errors when the executable cannot
 // be started (path, errno text), IPC-domain errors (ConnectionInterrupted) when the process
 // ended before it was ready (with its exit status), ConnectionInvalid when the request could
@@ -89,11 +92,13 @@ class ExtensionSupervisor final : public AppExtension,
   ExtensionSupervisor(std::shared_ptr<const PluginRecord> record,
                       ExtensionSupervisorOptions options);
 
-  // Opens one request on `process` (launch `generation`) and completes `completion`. The
-  // caller has counted it in pendingOpens_ while `generation` was current.
+  // Opens one request on `process` (launch `generation`) and completes `completion`, on this
+  // thread when `completeInline`, else on the completion queue. The caller has counted it in
+  // pendingOpens_ while `generation` was current.
   void openRequest(const std::shared_ptr<ExtensionProcess>& process,
                    std::uint64_t generation,
-                   BeginRequestCompletion completion);
+                   BeginRequestCompletion completion,
+                   bool completeInline);
   void complete(BeginRequestCompletion completion, std::string uuid, ErrorPtr error);
 
   // ExtensionProcess callbacks.

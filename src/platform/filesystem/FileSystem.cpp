@@ -1,13 +1,18 @@
 #include "platform/filesystem/FileSystem.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -25,11 +30,43 @@ std::string errnoText(int errorNumber) {
   return strerror_r(errorNumber, buffer, sizeof buffer);
 }
 
+// What the kernel appends to the name of an open file that has since been unlinked.
+constexpr std::string_view kDeletedSuffix = " (deleted)";
+
+// The canonical form of `path` when all of it exists (the usual case): the kernel resolves
+// every component and symbolic link in one open(), and /proc/self/fd names where it ended,
+// so this costs three system calls rather than a stat and a readlink per component. nullopt
+// when the path does not entirely exist (a dangling link, a missing tail, a file with a
+// trailing separator), or the answer cannot be trusted (the file was removed meanwhile):
+// the component-wise resolution below then decides, exactly as before.
+std::optional<fs::path> resolvedExistingPath(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (fd < 0) {
+    return std::nullopt;
+  }
+  char link[32];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  char buffer[PATH_MAX];
+  const ssize_t length = ::readlink(link, buffer, sizeof buffer);
+  ::close(fd);
+  if (length <= 0 || static_cast<std::size_t>(length) >= sizeof buffer || buffer[0] != '/') {
+    return std::nullopt;
+  }
+  const std::string_view resolved(buffer, static_cast<std::size_t>(length));
+  if (resolved.ends_with(kDeletedSuffix)) {
+    return std::nullopt;
+  }
+  return fs::path(resolved);
+}
+
 // The canonical form of `path`: weakly_canonical resolves the longest existing prefix and
 // appends the rest lexically. A dangling symbolic link ends that prefix although it exists as
 // a link, so it is followed here by hand: otherwise "dir/link" with link -> /elsewhere/new
 // would read as inside "dir" while anything created through it lands outside.
 Result<fs::path> resolvedPath(const std::string& path) {
+  if (std::optional<fs::path> existing = resolvedExistingPath(path)) {
+    return std::move(*existing);
+  }
   fs::path current(path);
   for (int hops = 0; hops <= kMaxSymlinkHops; ++hops) {
     std::error_code ec;
@@ -157,6 +194,12 @@ std::string appendingPathComponent(const std::string& base, const std::string& c
 }
 
 Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory, const Url& item) {
+  return relationshipOfDirectoryToItem(directory, item, nullptr);
+}
+
+Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
+                                                            const Url& item,
+                                                            std::string* relativePath) {
   auto directoryParts = canonicalComponents(directory);
   if (!directoryParts) {
     return failure(directoryParts.error());
@@ -170,8 +213,20 @@ Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory
       !std::equal(directoryParts->begin(), directoryParts->end(), itemParts->begin())) {
     return DirectoryRelationship::Other;
   }
-  return itemParts->size() == directoryParts->size() ? DirectoryRelationship::Same
-                                                     : DirectoryRelationship::Contains;
+  if (itemParts->size() == directoryParts->size()) {
+    return DirectoryRelationship::Same;
+  }
+  if (relativePath) {
+    relativePath->clear();
+    for (auto it = itemParts->begin() + static_cast<std::ptrdiff_t>(directoryParts->size());
+         it != itemParts->end(); ++it) {
+      if (!relativePath->empty()) {
+        relativePath->push_back('/');
+      }
+      relativePath->append(it->native());
+    }
+  }
+  return DirectoryRelationship::Contains;
 }
 
 ErrorPtr posixError(int errorNumber, const std::string& what, const std::string& path) {

@@ -29,6 +29,12 @@ enum class DirectoryRelationship { Contains, Same, Other };
 // therefore not Contains, and neither is "dir/../..". Fails when a side is not a file URL or
 // its existing prefix cannot be resolved (permissions, a loop).
 Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory, const Url& item);
+// The same; when the answer is Contains and `relativePath` is not null, it receives the item's
+// resolved path relative to the resolved directory ("sub/item.txt"), the very path the
+// answer was judged on.
+Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
+                                                            const Url& item,
+                                                            std::string* relativePath);
 
 inline constexpr char kPosixErrorDomain[] = "posix";
 inline constexpr char kPosixErrorPathKey[] = "path";

@@ -3,13 +3,17 @@
 #include "platform/identity/SearchPathDirectory.h"
 
 #include <dirent.h>
-#include <stdlib.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <set>
+#include <string_view>
 
 #include "platform/filesystem/FileSystem.h"
 #include "platform/identity/ProcessInfo.h"
@@ -27,14 +31,29 @@ bool isManifestName(std::string_view name) {
          name.ends_with(kManifestSuffix);
 }
 
-// The resolved form of `path`, or "" when it cannot be resolved.
-std::string canonicalPath(const std::string& path) {
-  char* resolved = ::realpath(path.c_str(), nullptr);
-  if (!resolved)
-    return {};
-  std::string result(resolved);
-  ::free(resolved);
-  return result;
+// Whether `path`, resolved with symbolic links followed, is the file `running` (same device
+// and inode) and is spelled `executable` once resolved. The path is opened once (O_PATH) and
+// both questions are asked of that very file: its identity through fstat, its resolved name
+// through /proc/self/fd, which costs a fixed three system calls where stat and realpath took
+// one per component.
+bool isListedExecutable(const std::string& path,
+                        const struct stat& running,
+                        const std::string& executable) {
+  const int fd = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (fd < 0)
+    return false;
+  struct stat st;
+  bool same = ::fstat(fd, &st) == 0 && st.st_dev == running.st_dev && st.st_ino == running.st_ino;
+  if (same) {
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    char resolved[PATH_MAX];
+    const ssize_t length = ::readlink(link, resolved, sizeof resolved);
+    same = length > 0 && static_cast<std::size_t>(length) < sizeof resolved &&
+           std::string_view(resolved, static_cast<std::size_t>(length)) == executable;
+  }
+  ::close(fd);
+  return same;
 }
 
 }  // namespace
@@ -93,7 +112,7 @@ std::vector<std::shared_ptr<const Application>> ApplicationRegistry::currentAppl
   return applications;
 }
 
-std::optional<Application> ApplicationRegistry::inspectProcess(
+std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
     const AuditToken& token,
     const std::vector<std::shared_ptr<const Application>>& applications) const {
   const pid_t pid = token.pid();
@@ -104,7 +123,7 @@ std::optional<Application> ApplicationRegistry::inspectProcess(
       DKLogError("Cannot identify process %@: %@", token,
                  flatpakId.error()->localizedDescription());
     }
-    return std::nullopt;
+    return nullptr;
   }
   if (*flatpakId) {
     std::shared_ptr<const Application> match;
@@ -115,8 +134,8 @@ std::optional<Application> ApplicationRegistry::inspectProcess(
       }
     }
     if (!match || !token.isAlive())
-      return std::nullopt;
-    return *match;
+      return nullptr;
+    return match;
   }
 
   auto executable = readProcessExecutablePath(pid);
@@ -125,7 +144,7 @@ std::optional<Application> ApplicationRegistry::inspectProcess(
       DKLogError("Cannot identify process %@: %@", token,
                  executable.error()->localizedDescription());
     }
-    return std::nullopt;
+    return nullptr;
   }
   if (executable->ends_with(kDeletedExecutableSuffix)) {
     if (token.isAlive()) {
@@ -134,7 +153,7 @@ std::optional<Application> ApplicationRegistry::inspectProcess(
           "application",
           token, *executable);
     }
-    return std::nullopt;
+    return nullptr;
   }
   // The file the process runs, reached through the kernel's link rather than by name: a
   // listed path must lead to this very file, not merely spell the same name (another mount
@@ -146,18 +165,13 @@ std::optional<Application> ApplicationRegistry::inspectProcess(
     if (token.isAlive()) {
       DKLogError("Cannot identify process %@: stat %@: %s", token, exeLink, std::strerror(error));
     }
-    return std::nullopt;
+    return nullptr;
   }
 
   std::shared_ptr<const Application> match;
   for (const auto& application : applications) {
     for (const std::string& listed : application->executables) {
-      struct stat st;
-      if (::stat(listed.c_str(), &st) != 0)
-        continue;
-      if (st.st_dev != running.st_dev || st.st_ino != running.st_ino)
-        continue;
-      if (canonicalPath(listed) != *executable)
+      if (!isListedExecutable(listed, running, *executable))
         continue;
       match = application;
       break;
@@ -168,19 +182,25 @@ std::optional<Application> ApplicationRegistry::inspectProcess(
   // Everything above was read by pid; only a process that is still alive proves it was
   // about the token's process and not a successor with the same pid.
   if (!match || !token.isAlive())
-    return std::nullopt;
-  return *match;
+    return nullptr;
+  return match;
 }
 
 std::optional<Application> ApplicationRegistry::applicationForProcess(
     const AuditToken& token) const {
   if (!token.isAlive())
     return std::nullopt;
-  return inspectProcess(token, currentApplications());
+  auto application = inspectProcess(token, currentApplications());
+  if (!application)
+    return std::nullopt;
+  return *application;
 }
 
 Value ApplicationRegistry::entitlementValue(const AuditToken& token, std::string_view key) const {
-  auto application = applicationForProcess(token);
+  // The one value is taken from the cached application, not from a copy of all of it.
+  if (!token.isAlive())
+    return Value();
+  auto application = inspectProcess(token, currentApplications());
   return application ? application->entitlementValue(key) : Value();
 }
 

@@ -81,7 +81,8 @@ class ApplicationRegistry {
   // Rescans the directories, re-reading manifests whose signature changed; returns the
   // applications that count, in search order.
   std::vector<std::shared_ptr<const Application>> currentApplications() const;
-  std::optional<Application> inspectProcess(
+  // The matching application as cached, or null.
+  std::shared_ptr<const Application> inspectProcess(
       const AuditToken& token,
       const std::vector<std::shared_ptr<const Application>>& applications) const;
 
