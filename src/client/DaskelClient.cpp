@@ -15,11 +15,9 @@ using platform::IpcConnection;
 using platform::Result;
 using platform::Value;
 
-namespace {
-
 // One call's handler. Whichever outcome comes first (the reply, or an error) is delivered;
 // anything later is ignored, so a handler never runs twice.
-class PendingCall {
+class DaskelClient::PendingCall {
  public:
   explicit PendingCall(DaskelClient::ReplyHandler handler) : handler_(std::move(handler)) {}
 
@@ -38,6 +36,8 @@ class PendingCall {
   std::atomic<bool> finished_{false};
   DaskelClient::ReplyHandler handler_;
 };
+
+namespace {
 
 // What callAndWait waits for; shared with the handler, which may run after the wait gave up.
 struct Rendezvous {
@@ -73,14 +73,20 @@ DaskelClient::~DaskelClient() {
   connection_->invalidate();
 }
 
-void DaskelClient::call(std::string selector, Values arguments, ReplyHandler handler) {
-  auto pending = std::make_shared<PendingCall>(std::move(handler));
+std::shared_ptr<platform::IpcRemoteProxy> DaskelClient::proxyFor(
+    std::shared_ptr<PendingCall> pending) {
   // One proxy per call: the connection reports a failure once per proxy with replies
   // outstanding, so a proxy of its own gives every call its own error.
-  auto proxy = connection_->remoteObjectProxyWithErrorHandler(
-      [pending](const ErrorPtr& error) { pending->finish(platform::failure(error)); });
-  proxy->call(std::move(selector), std::move(arguments),
-              [pending](Values values) { pending->finish(std::move(values)); });
+  return connection_->remoteObjectProxyWithErrorHandler(
+      [pending = std::move(pending)](const ErrorPtr& error) {
+        pending->finish(platform::failure(error));
+      });
+}
+
+void DaskelClient::call(std::string selector, Values arguments, ReplyHandler handler) {
+  auto pending = std::make_shared<PendingCall>(std::move(handler));
+  proxyFor(pending)->call(std::move(selector), std::move(arguments),
+                          [pending](Values values) { pending->finish(std::move(values)); });
 }
 
 void DaskelClient::send(std::string selector, Values arguments) {
@@ -100,9 +106,12 @@ Result<DaskelClient::Values> DaskelClient::callAndWait(std::string selector,
                                              " on the queue that delivers the replies of service " +
                                              serviceName()));
   }
+  std::optional<std::chrono::steady_clock::time_point> deadline;
+  if (timeout) {
+    deadline = std::chrono::steady_clock::now() + *timeout;
+  }
   auto rendezvous = std::make_shared<Rendezvous>();
-  std::string selectorForError = timeout ? selector : std::string();
-  call(std::move(selector), std::move(arguments), [rendezvous](Result<Values> outcome) {
+  auto pending = std::make_shared<PendingCall>([rendezvous](Result<Values> outcome) {
     {
       std::lock_guard lock(rendezvous->mutex);
       rendezvous->outcome = std::move(outcome);
@@ -111,15 +120,22 @@ Result<DaskelClient::Values> DaskelClient::callAndWait(std::string selector,
     // capture keeps the rendezvous alive even if the waiter has returned by now.
     rendezvous->arrived.notify_one();
   });
+  std::string selectorForError = timeout ? selector : std::string();
 
   // A dispatch worker waiting here lets the pool add a thread, so the reply (delivered by
-  // the pool) can still arrive.
+  // the pool) can still arrive; a loop thread waiting here hands the loop on.
   platform::WorkerPool::BlockingScope blocking;
+  // This thread reads the reply itself while it waits; usually the reply's handler has run
+  // by the time this returns, and the wait below ends without sleeping.
+  proxyFor(pending)->callAndReadReply(
+      std::move(selector), std::move(arguments),
+      [pending](Values values) { pending->finish(std::move(values)); }, deadline);
+
   std::unique_lock lock(rendezvous->mutex);
   const auto hasOutcome = [&] { return rendezvous->outcome.has_value(); };
-  if (!timeout) {
+  if (!deadline) {
     rendezvous->arrived.wait(lock, hasOutcome);
-  } else if (!rendezvous->arrived.wait_for(lock, *timeout, hasOutcome)) {
+  } else if (!rendezvous->arrived.wait_until(lock, *deadline, hasOutcome)) {
     return platform::failure(clientError(DaskelClientErrorCode::TimedOut,
                                          "timed out: no reply to " + selectorForError +
                                              " from service " + serviceName() + " within " +

@@ -99,7 +99,12 @@ class DaskelClient {
   const std::shared_ptr<platform::IpcConnection>& connection() const { return connection_; }
 
  private:
+  class PendingCall;
+
   explicit DaskelClient(std::shared_ptr<platform::IpcConnection> connection);
+
+  // A proxy whose error handler finishes `pending`.
+  std::shared_ptr<platform::IpcRemoteProxy> proxyFor(std::shared_ptr<PendingCall> pending);
 
   const std::shared_ptr<platform::IpcConnection> connection_;
 };

@@ -227,6 +227,54 @@ TEST_F(DaskelClientTest, ABlockingCallReturnsTheReplyValues) {
   EXPECT_EQ(*reply, Values{Value("pong")});
 }
 
+TEST_F(DaskelClientTest,
+       BlockingCallsAndCallsWithHandlersFromManyThreadsAtOnceEachHearTheirOwnReply) {
+  // Blocking callers read the connection themselves, one at a time; the replies they read
+  // for others must still reach those others, once.
+  startService();
+  auto client = connect();
+  ASSERT_TRUE(client);
+  constexpr int kBlockingThreads = 3;
+  constexpr int kHandlerThreads = 2;
+  constexpr int kCallsPerThread = 60;
+  auto outcomes = std::make_shared<Outcomes>();
+  std::atomic<int> wrongBlockingReplies{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kBlockingThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        const std::string tag = "blocking " + std::to_string(t) + "/" + std::to_string(i);
+        auto reply = client->callAndWait("echo:completion:", {Value(tag)}, 20s);
+        if (!reply || *reply != Values{Value(tag)}) {
+          ++wrongBlockingReplies;
+        }
+      }
+    });
+  }
+  for (int t = 0; t < kHandlerThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kCallsPerThread; ++i) {
+        const std::string tag = "handler " + std::to_string(t) + "/" + std::to_string(i);
+        client->call("echo:completion:", {Value(tag)}, outcomes->handlerFor(tag));
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrongBlockingReplies.load(), 0);
+  ASSERT_TRUE(outcomes->waitForCount(kHandlerThreads * kCallsPerThread));
+  client->queue()->sync([] {});
+  const auto byTag = outcomes->byTag();
+  ASSERT_EQ(byTag.size(), static_cast<std::size_t>(kHandlerThreads * kCallsPerThread));
+  for (const auto& [tag, results] : byTag) {
+    ASSERT_EQ(results.size(), 1u) << tag;
+    ASSERT_TRUE(results[0]) << tag << ": " << results[0].error()->description();
+    EXPECT_EQ(*results[0], Values{Value(tag)});
+  }
+  EXPECT_TRUE(client->isValid());
+}
+
 TEST_F(DaskelClientTest, ArgumentsOutsideTheInterfaceFailThatCallAloneWithMessageRefused) {
   startService();
   auto client = connect();

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "platform/errors/DKErrors.h"
 #include "platform/ipc/IpcServiceSocket.h"
@@ -24,6 +25,14 @@ std::string reasonText(const ErrorPtr& error) {
   std::string text = error->localizedDescription();
   return text.empty() ? error->description() : text;
 }
+
+// What the thread reading for a synchronous caller waits for; see sendRequestAndReadReply.
+struct AwaitedReply {
+  const IpcConnection* connection;
+  std::uint64_t id;
+  bool read = false;
+};
+thread_local AwaitedReply* tAwaitedReply = nullptr;
 
 // The frame around an encoded payload.
 Result<std::vector<std::uint8_t>> frameOf(const Result<std::vector<std::uint8_t>>& payload) {
@@ -271,11 +280,32 @@ void IpcConnection::close(ErrorPtr error, Cause cause, std::optional<std::string
 // ---- incoming ----
 
 void IpcConnection::streamDidReceiveFrame(std::vector<std::uint8_t> payload) {
+  AwaitedReply* const awaited = tAwaitedReply;
+  if (awaited && awaited->connection == this) {
+    // Read by a caller that waits for one reply. That reply runs here when the queue is idle:
+    // it is what wakes the caller. Anything else goes to the queue as usual; the caller's
+    // thread is not a loop thread and runs none of the connection's other messages.
+    const std::size_t size = payload.size();
+    Result<Message> message = decodeMessage(payload);
+    const Reply* reply = message ? std::get_if<Reply>(&*message) : nullptr;
+    const bool isAwaited = reply && reply->reply == awaited->id;
+    auto block = [self = shared_from_this(), message = std::move(message), size]() mutable {
+      self->queueHandleMessage(std::move(message));
+      self->stream_->consumed(size);
+    };
+    if (isAwaited) {
+      awaited->read = true;
+      queue_->runHereOrAsync(std::move(block));
+    } else {
+      queue_->async(std::move(block));
+    }
+    return;
+  }
   // Run right here on the loop thread when the queue is idle: that saves waking a pool
   // worker for every message, and the stream hands frames out one at a time, so the queue
   // still sees them in stream order.
   queue_->runHereOrAsync([self = shared_from_this(), payload = std::move(payload)] {
-    self->queueHandleFrame(payload);
+    self->queueHandleMessage(decodeMessage(payload));
     self->stream_->consumed(payload.size());
   });
 }
@@ -297,11 +327,10 @@ void IpcConnection::refuse(const ErrorPtr& reason) {
         description() + ": refused the peer's message, closing: " + reasonText(reason));
 }
 
-void IpcConnection::queueHandleFrame(std::span<const std::uint8_t> payload) {
+void IpcConnection::queueHandleMessage(Result<Message> message) {
   if (!isValid()) {
     return;  // a frame read before the connection closed
   }
-  auto message = decodeMessage(payload);
   if (!message) {
     refuse(message.error());
     return;
@@ -395,10 +424,11 @@ void IpcConnection::failCall(const std::shared_ptr<IpcRemoteProxy::State>& proxy
   });
 }
 
-void IpcConnection::sendRequest(const std::shared_ptr<IpcRemoteProxy::State>& proxy,
-                                std::string selector,
-                                Value::Array arguments,
-                                IpcRemoteProxy::ReplyHandler replyHandler) {
+std::optional<std::uint64_t> IpcConnection::sendRequest(
+    const std::shared_ptr<IpcRemoteProxy::State>& proxy,
+    std::string selector,
+    Value::Array arguments,
+    IpcRemoteProxy::ReplyHandler replyHandler) {
   const bool wantsReply = static_cast<bool>(replyHandler);
   Request request{std::move(selector), std::move(arguments), std::nullopt};
   std::shared_ptr<const IpcInterface> interface;
@@ -409,7 +439,7 @@ void IpcConnection::sendRequest(const std::shared_ptr<IpcRemoteProxy::State>& pr
         failCall(proxy, IpcError(IpcErrorCode::ConnectionInvalid,
                                  "the " + description() + " is closed"));
       }
-      return;
+      return std::nullopt;
     }
     interface = remoteInterface_;
     if (wantsReply) {
@@ -433,7 +463,7 @@ void IpcConnection::sendRequest(const std::shared_ptr<IpcRemoteProxy::State>& pr
     if (wantsReply) {
       failCall(proxy, IpcError(IpcErrorCode::MessageRefused, reasonText(frame.error())));
     }
-    return;
+    return std::nullopt;
   }
 
   if (wantsReply) {
@@ -441,13 +471,37 @@ void IpcConnection::sendRequest(const std::shared_ptr<IpcRemoteProxy::State>& pr
     if (state_ == State::Closed) {
       failCall(proxy,
                IpcError(IpcErrorCode::ConnectionInvalid, "the " + description() + " is closed"));
-      return;
+      return std::nullopt;
     }
     // Registered before sending: the reply may come back before send() returns.
     pendingReplies_.emplace(*request.reply, PendingReply{proxy, std::move(replyHandler),
                                                          request.op, std::move(interface)});
   }
   stream_->send(std::move(*frame));
+  return request.reply;
+}
+
+void IpcConnection::sendRequestAndReadReply(
+    const std::shared_ptr<IpcRemoteProxy::State>& proxy,
+    std::string selector,
+    Value::Array arguments,
+    IpcRemoteProxy::ReplyHandler replyHandler,
+    std::optional<std::chrono::steady_clock::time_point> deadline) {
+  // Taken before sending, so that no loop thread can read the reply first: the caller would
+  // then wait in poll() for a reply that has come already.
+  const bool reading = stream_->takeReadSide();
+  const std::optional<std::uint64_t> id =
+      sendRequest(proxy, std::move(selector), std::move(arguments), std::move(replyHandler));
+  if (!reading) {
+    return;
+  }
+  if (id) {
+    AwaitedReply awaited{this, *id};
+    AwaitedReply* const outer = std::exchange(tAwaitedReply, &awaited);
+    stream_->readHere([&awaited] { return awaited.read; }, deadline);
+    tAwaitedReply = outer;
+  }
+  stream_->releaseReadSide();
 }
 
 void IpcConnection::sendReply(std::uint64_t id,

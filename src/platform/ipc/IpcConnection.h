@@ -50,6 +50,11 @@
 // another thread serve the other connections, and only this connection's later messages wait.
 // Requests and replies are written by the thread that sends them, straight to the socket
 // while it takes them; only what the socket does not take waits for the loop.
+// A synchronous caller (IpcRemoteProxy::callAndReadReply) reads the socket on its own thread
+// while it waits, in place of the loop (see IpcStream::takeReadSide): its reply then runs as
+// queue()'s turn on that thread when the queue is idle, so the reply wakes the caller and no
+// one else. Every other message it reads goes to queue() with async, in its place in the
+// order, exactly as if the loop had read it (it never runs on the caller's thread).
 //
 // Failure: factory functions return Result errors in the IPC domain (ConnectionInvalid, with
 // the path and errno text); everything after that is reported through error handlers and
@@ -58,6 +63,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -172,7 +178,7 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   void streamDidEnd(IpcStream::End end, ErrorPtr reason);
 
   // On the queue.
-  void queueHandleFrame(std::span<const std::uint8_t> payload);
+  void queueHandleMessage(Result<Message> message);
   void queueHandleRequest(Request request);
   void queueHandleReply(Reply reply);
   void refuse(const ErrorPtr& reason);
@@ -181,11 +187,20 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // closes.
   void close(ErrorPtr error, Cause cause, std::optional<std::string> logLine = std::nullopt);
 
-  // For proxies and reply blocks.
-  void sendRequest(const std::shared_ptr<IpcRemoteProxy::State>& proxy,
-                   std::string selector,
-                   Value::Array arguments,
-                   IpcRemoteProxy::ReplyHandler replyHandler);
+  // For proxies and reply blocks. Returns the reply id of a request that went out awaiting a
+  // reply; nullopt when none (then the proxy's error handler hears, if there is a reply
+  // handler).
+  std::optional<std::uint64_t> sendRequest(const std::shared_ptr<IpcRemoteProxy::State>& proxy,
+                                           std::string selector,
+                                           Value::Array arguments,
+                                           IpcRemoteProxy::ReplyHandler replyHandler);
+  // sendRequest with a reply handler, then reads on the calling thread until the reply has
+  // been read (see IpcRemoteProxy::callAndReadReply).
+  void sendRequestAndReadReply(const std::shared_ptr<IpcRemoteProxy::State>& proxy,
+                               std::string selector,
+                               Value::Array arguments,
+                               IpcRemoteProxy::ReplyHandler replyHandler,
+                               std::optional<std::chrono::steady_clock::time_point> deadline);
   void sendReply(std::uint64_t id,
                  const std::string& selector,
                  const std::shared_ptr<const IpcInterface>& interface,

@@ -9,4 +9,13 @@ void IpcRemoteProxy::call(std::string selector, Value::Array arguments, ReplyHan
                            std::move(replyHandler));
 }
 
+void IpcRemoteProxy::callAndReadReply(
+    std::string selector,
+    Value::Array arguments,
+    ReplyHandler replyHandler,
+    std::optional<std::chrono::steady_clock::time_point> deadline) {
+  connection_->sendRequestAndReadReply(state_, std::move(selector), std::move(arguments),
+                                       std::move(replyHandler), deadline);
+}
+
 }  // namespace daskel::platform

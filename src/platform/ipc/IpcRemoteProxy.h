@@ -23,8 +23,10 @@
 // connection's serial queue.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/value/Error.h"
@@ -45,6 +47,20 @@ class IpcRemoteProxy {
   // Sends `selector` with `arguments` (without the reply block). With a reply handler, the
   // request carries a reply id and the handler receives the reply's values.
   void call(std::string selector, Value::Array arguments, ReplyHandler replyHandler = nullptr);
+
+  // call() with a reply handler, for a thread that blocks until that handler or the error
+  // handler has run (a synchronous call): after sending, the calling thread reads the
+  // connection itself while it waits, so the reply wakes it directly. Returns once the reply
+  // has been read (when the connection's queue was idle, its handler has run by then, on this
+  // thread), when the connection ended or closed, when another thread was reading or
+  // delivering the connection's messages (then the loop reads as usual), or at `deadline`.
+  // The outcome reaches the handlers exactly as after call(); the caller waits for them as it
+  // would after call(). Must not be called on the connection's queue (the reply could never
+  // run).
+  void callAndReadReply(std::string selector,
+                        Value::Array arguments,
+                        ReplyHandler replyHandler,
+                        std::optional<std::chrono::steady_clock::time_point> deadline);
 
   const std::shared_ptr<IpcConnection>& connection() const { return connection_; }
 

@@ -1,6 +1,7 @@
 #include "platform/ipc/IpcStream.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -8,6 +9,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <string>
 
@@ -58,6 +60,9 @@ IpcStream::~IpcStream() {
   }
   if (fd_ >= 0) {
     ::close(fd_);
+  }
+  if (closedWhilePolled_ >= 0) {
+    ::close(closedWhilePolled_);
   }
 }
 
@@ -119,7 +124,14 @@ void IpcStream::close() {
     closed_ = true;
     reading_ = false;
     updateInterestLocked();
-    ::close(fd_);
+    if (pollingHere_) {
+      // A thread waits in poll() on it: closing now could let the number be reused under
+      // that poll. Shutting down wakes the poll; the poller closes it.
+      ::shutdown(fd_, SHUT_RDWR);
+      closedWhilePolled_ = fd_;
+    } else {
+      ::close(fd_);
+    }
     fd_ = -1;
     writes_.clear();
     inbox_.clear();
@@ -138,7 +150,8 @@ void IpcStream::handleEvents(std::uint32_t events) {
     writeBlocked_ = false;
     flushLocked();
   }
-  if (reading_ && !readPaused_ && (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR))) {
+  if (reading_ && !readPaused_ && !readHeld_ &&
+      (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR))) {
     readLocked();
   }
   deliverLocked(lock);
@@ -151,13 +164,20 @@ void IpcStream::deliverLocked(std::unique_lock<std::mutex>& lock) {
   delivering_ = true;
   // Held for the whole run: close() clears the member meanwhile.
   const std::shared_ptr<const Handlers> handlers = handlers_;
+  drainLocked(lock, *handlers);
+  delivering_ = false;
+  // The handlers (and the connection they may hold last) go after the lock.
+  lock.unlock();
+}
+
+void IpcStream::drainLocked(std::unique_lock<std::mutex>& lock, const Handlers& handlers) {
   std::vector<std::vector<std::uint8_t>> batch;
   while (!closed_) {
     if (!inbox_.empty()) {
       batch.swap(inbox_);
       lock.unlock();
       for (auto& frame : batch) {
-        handlers->onFrame(std::move(frame));
+        handlers.onFrame(std::move(frame));
       }
       batch.clear();
       lock.lock();
@@ -165,15 +185,83 @@ void IpcStream::deliverLocked(std::unique_lock<std::mutex>& lock) {
       auto [end, reason] = std::move(*end_);
       end_.reset();
       lock.unlock();
-      handlers->onEnd(end, std::move(reason));
+      handlers.onEnd(end, std::move(reason));
       lock.lock();
     } else {
       break;
     }
   }
+}
+
+bool IpcStream::takeReadSide() {
+  std::lock_guard lock(mutex_);
+  if (closed_ || !reading_ || readPaused_ || readHeld_ || delivering_ || !inbox_.empty() ||
+      end_) {
+    return false;
+  }
+  readHeld_ = true;
+  delivering_ = true;
+  updateInterestLocked();
+  return true;
+}
+
+void IpcStream::readHere(const std::function<bool()>& stop,
+                         std::optional<std::chrono::steady_clock::time_point> deadline) {
+  // Declared before the lock, so they are released after it.
+  std::shared_ptr<const Handlers> handlers;
+  std::unique_lock lock(mutex_);
+  if (!readHeld_) {
+    return;
+  }
+  handlers = handlers_;
+  while (!closed_ && reading_ && !readPaused_) {
+    int timeoutMs = -1;
+    if (deadline) {
+      const auto left = *deadline - std::chrono::steady_clock::now();
+      if (left <= left.zero()) {
+        return;
+      }
+      timeoutMs = static_cast<int>(std::min<std::chrono::milliseconds::rep>(
+          std::chrono::ceil<std::chrono::milliseconds>(left).count(), INT_MAX));
+    }
+    pollfd watched{fd_, POLLIN | POLLRDHUP, 0};
+    pollingHere_ = true;
+    lock.unlock();
+    const int ready = ::poll(&watched, 1, timeoutMs);
+    const int error = errno;
+    lock.lock();
+    pollingHere_ = false;
+    if (closedWhilePolled_ >= 0) {
+      ::close(closedWhilePolled_);
+      closedWhilePolled_ = -1;
+    }
+    if (closed_) {
+      return;
+    }
+    if (ready < 0 && error != EINTR) {
+      return;  // not expected of poll on a valid descriptor; the loop reads instead
+    }
+    if (ready <= 0) {
+      continue;  // interrupted, or the deadline (checked above)
+    }
+    readLocked();
+    drainLocked(lock, *handlers);
+    if (stop()) {
+      return;
+    }
+  }
+}
+
+void IpcStream::releaseReadSide() {
+  std::unique_lock lock(mutex_);
+  if (!readHeld_) {
+    return;
+  }
+  readHeld_ = false;
   delivering_ = false;
-  // The handlers (and the connection they may hold last) go after the lock.
-  lock.unlock();
+  updateInterestLocked();
+  // readHere() delivers all it reads; this is for a holder that stopped in between.
+  deliverLocked(lock);
 }
 
 void IpcStream::readLocked() {
@@ -289,11 +377,16 @@ void IpcStream::failWritesLocked() {
 void IpcStream::updateInterestLocked() {
   std::uint32_t wanted = 0;
   if (!closed_) {
-    if (reading_ && !readPaused_) {
+    if (reading_ && !readPaused_ && !readHeld_) {
       wanted |= EPOLLIN | EPOLLRDHUP;
     }
     if (writeBlocked_ && !writes_.empty()) {
       wanted |= EPOLLOUT;
+    }
+    if (wanted == 0 && readHeld_ && registration_) {
+      // Lent to a caller's thread for a moment: kept registered but quiet (one-shot without
+      // events reports a hang-up at most once), which costs less than removing and adding.
+      wanted = EPOLLONESHOT;
     }
   }
   IoLoop& loop = IoLoop::shared();

@@ -15,6 +15,15 @@
 // write (the peer has gone) drops what is queued and shuts the socket down, so the reading
 // side reports the end in its place in the stream.
 //
+// Reading on a caller's thread: a thread that is about to block until a frame arrives (a
+// synchronous call waiting for its reply) may take the read side of the stream for the time
+// of its wait: takeReadSide(), then readHere() until what it waits for has come, then
+// releaseReadSide(). Meanwhile that thread both reads and delivers, and the loop leaves the
+// stream's input alone (it still serves blocked writes). So the arriving frame wakes the
+// waiting thread itself instead of a loop thread that would then have to wake it. The read
+// side is only handed over when nobody delivers and nothing read waits to be delivered, so
+// frames still reach the handlers one at a time and in stream order.
+//
 // Flow control: the consumer reports with consumed() when it has dealt with the bytes of
 // frames it was given; while more than kReadPauseBytes are outstanding, reading pauses, so a
 // peer that sends faster than its requests are served cannot make the process buffer without
@@ -26,12 +35,14 @@
 //
 // THREADING NOTES: every member may be called from any thread. The socket is only closed
 // under the stream's lock, and loop threads read only under it, so a descriptor is never
-// used after it was closed. Handlers are called without the lock; they may call send(),
+// used after it was closed (one that a thread polls in readHere() is shut down instead and
+// closed when that poll returns). Handlers are called without the lock; they may call send(),
 // consumed() and close().
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -89,6 +100,20 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
 
   bool isClosed() const;
 
+  // Gives the calling thread the reading and delivering of the stream until
+  // releaseReadSide(). False, and nothing changes, when the stream is not reading (not
+  // started, ended, closed, paused), another thread holds the read side, or another thread is
+  // delivering or has read frames it has not delivered yet: then the loop goes on reading.
+  bool takeReadSide();
+  // For the holder of the read side: waits for input, reads it and hands it to the handlers
+  // on the calling thread, until `stop()` holds after a delivery, the stream ends or closes,
+  // reading pauses, or `deadline` passes. Handlers run as they would on a loop thread
+  // (without the lock; they may call close()).
+  void readHere(const std::function<bool()>& stop,
+                std::optional<std::chrono::steady_clock::time_point> deadline);
+  // Hands reading back to the loop.
+  void releaseReadSide();
+
  private:
   explicit IpcStream(int fd);
 
@@ -98,6 +123,10 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   // Hands inbox_ and end_ to the handlers unless another thread is doing so. Called with the
   // lock held; may return with it released.
   void deliverLocked(std::unique_lock<std::mutex>& lock);
+  struct Handlers;
+  // Hands inbox_ and end_ to `handlers` until both are empty or the stream closed; the
+  // calling thread must be the one delivering. Called and returns with the lock held.
+  void drainLocked(std::unique_lock<std::mutex>& lock, const Handlers& handlers);
   void flushLocked();
   void failWritesLocked();
   // Brings the loop registration in line with what the stream waits for.
@@ -111,6 +140,9 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   bool writeBlocked_ = false; // the socket took no more; waiting for EPOLLOUT
   bool writeFailed_ = false;
   bool delivering_ = false;   // a thread is handing out inbox_
+  bool readHeld_ = false;     // a caller's thread reads and delivers (takeReadSide)
+  bool pollingHere_ = false;  // ... and waits in poll() on fd_ without the lock
+  int closedWhilePolled_ = -1;  // closed while polled: shut down, closed when the poll returns
   std::size_t outstandingBytes_ = 0;
   std::deque<std::vector<std::uint8_t>> writes_;
   std::size_t writeOffset_ = 0;  // bytes of writes_.front() already written
