@@ -11,8 +11,9 @@ namespace {
 
 constexpr char kDescription[] =
     "daskelctl: the administrator's tool for the Daskel daemon. Each command calls one "
-    "operation of the daemon (service com.orvane.Daskel in $DASKEL_RUNTIME_DIR), or works "
-    "locally on notifications and sandbox tokens.";
+    "operation of the daemon (service com.orvane.Daskel in $DASKEL_RUNTIME_DIR; read, "
+    "coordinate-read and wrote call its file-coordination service com.orvane.FileCoordination), "
+    "or works locally on notifications and sandbox tokens.";
 
 constexpr char kFooter[] =
     "Paths are turned into absolute file URLs; URLs (text with a scheme, such as file:///x) are\n"
@@ -160,6 +161,24 @@ CommandLine::Parsed CommandLine::parse(const std::vector<std::string>& arguments
                          "($DASKEL_STATE_DIR/sandbox-token.key); prints its class and path",
                          "daskelctl verify-token 'v1;read-write;2f746d70;1700000000;...'");
   verify->add_option("TOKEN", invocation.text, "The token's text")->required();
+
+  // The file-coordination service (com.orvane.FileCoordination).
+  CLI::App* read = add(Command::Read,
+                       "Makes a coordinated read of a file (its provider makes it present "
+                       "first), then prints its contents",
+                       "daskelctl read ~/Storage/Report.txt > Report.txt");
+  addTarget(read);
+  CLI::App* coordinateRead = add(Command::CoordinateRead,
+                                 "Makes a coordinated read only: returns once the file's provider "
+                                 "has made it present; prints nothing on success",
+                                 "daskelctl coordinate-read ~/Storage/Report.txt && cat "
+                                 "~/Storage/Report.txt");
+  addTarget(coordinateRead);
+  CLI::App* wrote = add(Command::Wrote,
+                        "Tells the file's provider that a write of it has finished; prints "
+                        "nothing on success",
+                        "daskelctl wrote ~/Storage/Report.txt");
+  addTarget(wrote);
 
   std::vector<const char*> argv{"daskelctl"};
   for (const auto& argument : arguments) {

@@ -5,6 +5,7 @@
 // Plain value type.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +26,9 @@ struct CommandOutcome {
   std::string summary;
   platform::ErrorPtr error;
   ExitStatus status = ExitStatus::Success;
+  // Bytes the readable form prints as they are, instead of summary and fields, when the
+  // command succeeded (the contents of a file that `read` read).
+  std::optional<std::string> rawOutput;
 
   bool succeeded() const { return status == ExitStatus::Success; }
 };

@@ -1,11 +1,14 @@
 #include "tools/daskelctl/CtlCommands.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "client/DaskelClient.h"
 #include "platform/errors/DKErrors.h"
+#include "platform/filesystem/FileSystem.h"
+#include "platform/ipc/WireCodec.h"
 #include "platform/locations/Locations.h"
 #include "platform/notify/SystemNotifyCenter.h"
 #include "tools/daskelctl/UrlArgument.h"
@@ -41,6 +44,32 @@ CommandOutcome failed(CommandOutcome outcome, ExitStatus status, ErrorPtr error)
   return outcome;
 }
 
+platform::Result<std::string> readWholeFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return platform::failure(platform::posixError(errno, "cannot open", path));
+  }
+  std::string contents;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n < 0) {
+      const int error = errno;
+      ::close(fd);
+      return platform::failure(platform::posixError(error, "cannot read", path));
+    }
+    if (n == 0) {
+      break;
+    }
+    contents.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return contents;
+}
+
 std::string currentDirectory() {
   std::string buffer(4096, '\0');
   while (::getcwd(buffer.data(), buffer.size()) == nullptr) {
@@ -58,6 +87,7 @@ std::string currentDirectory() {
 CtlCommands::Services CtlCommands::Services::live() {
   Services services;
   services.connect = [] { return DKDaemonClient::connect(); };
+  services.connectFileCoordination = [] { return FileCoordinationClient::connect(); };
   services.postNotification = [](std::string_view name) -> platform::Result<void> {
     auto center =
         platform::SystemNotifyCenter::createForDirectory(platform::notificationsDirectory());
@@ -91,6 +121,10 @@ CommandOutcome CtlCommands::run(const Invocation& invocation) const {
       return postNotification(invocation);
     case Command::VerifyToken:
       return verifyToken(invocation);
+    case Command::Read:
+    case Command::CoordinateRead:
+    case Command::Wrote:
+      return runCoordinationCommand(invocation);
     default:
       return runDaemonCommand(invocation);
   }
@@ -171,12 +205,52 @@ CommandOutcome CtlCommands::runDaemonCommand(const Invocation& invocation) const
     }
     case Command::PostNotification:
     case Command::VerifyToken:
+    case Command::Read:
+    case Command::CoordinateRead:
+    case Command::Wrote:
       break;
   }
   return failed(
       std::move(outcome), ExitStatus::UsageError,
       platform::makeError(kDKErrorDomain, static_cast<std::int64_t>(DKErrorCode::InvalidParameter),
                           "Not a daemon command."));
+}
+
+CommandOutcome CtlCommands::runCoordinationCommand(const Invocation& invocation) const {
+  CommandOutcome outcome;
+  outcome.command = commandName(invocation.command);
+
+  auto url = urlFromArgument(invocation.target, services_.workingDirectory);
+  if (!url) {
+    return failed(std::move(outcome), ExitStatus::UsageError, url.error());
+  }
+  if (!url->isFileUrl()) {
+    return failed(std::move(outcome), ExitStatus::UsageError,
+                  DKInvalidParameterError("URL-or-PATH", Value(*url)));
+  }
+
+  auto connected = services_.connectFileCoordination();
+  if (!connected) {
+    return failed(std::move(outcome), ExitStatus::DaemonNotRunning, connected.error());
+  }
+  FileCoordinationClient& client = **connected;
+  if (invocation.command == Command::Wrote) {
+    return finish(std::move(outcome), client.didFinishWritingItemAtURLSync(*url, invocation.timeout));
+  }
+  ErrorPtr error = client.coordinateReadingItemAtURLSync(*url, invocation.timeout);
+  if (error || invocation.command == Command::CoordinateRead) {
+    return finish(std::move(outcome), std::move(error));
+  }
+
+  auto contents = readWholeFile(url->path());
+  if (!contents) {
+    return failed(std::move(outcome), ExitStatus::OperationError, contents.error());
+  }
+  outcome.fields = {{"contents", platform::WireCodec::isValidUtf8(*contents)
+                                     ? Value(*contents)
+                                     : Value(Value::Data(contents->begin(), contents->end()))}};
+  outcome.rawOutput = std::move(*contents);
+  return outcome;
 }
 
 CommandOutcome CtlCommands::postNotification(const Invocation& invocation) const {

@@ -8,6 +8,12 @@
 // interrupted, invalid or message refused) ConnectionLost; any other error OperationError. A
 // failed connect is DaemonNotRunning.
 //
+// File-coordination commands connect to the service com.orvane.FileCoordination instead, the
+// same way, and need a file URL (a path). read then reads the file itself and hands its bytes
+// back as the outcome's raw output ("contents" in JSON: a text, or data when the bytes are not
+// UTF-8); a file that cannot be read is OperationError with the POSIX error. coordinate-read
+// and wrote have no fields and no summary: they print nothing on success.
+//
 // Local commands: post-notification posts through a SystemNotifyCenter on the runtime
 // directory's notifications directory; verify-token checks the token with the
 // SandboxTokenIssuer (which never creates a key when verifying).
@@ -25,6 +31,7 @@
 #include <string_view>
 
 #include "client/DKDaemonClient.h"
+#include "client/FileCoordinationClient.h"
 #include "platform/sandbox/SandboxTokenIssuer.h"
 #include "platform/value/Result.h"
 #include "tools/daskelctl/CommandOutcome.h"
@@ -36,6 +43,8 @@ class CtlCommands {
  public:
   struct Services {
     std::function<platform::Result<std::unique_ptr<DKDaemonClient>>()> connect;
+    std::function<platform::Result<std::unique_ptr<FileCoordinationClient>>()>
+        connectFileCoordination;
     std::function<platform::Result<void>(std::string_view name)> postNotification;
     std::shared_ptr<platform::SandboxTokenIssuer> tokens;
     // Absolute; relative paths in arguments are taken from here.
@@ -53,6 +62,7 @@ class CtlCommands {
 
  private:
   CommandOutcome runDaemonCommand(const Invocation& invocation) const;
+  CommandOutcome runCoordinationCommand(const Invocation& invocation) const;
   CommandOutcome postNotification(const Invocation& invocation) const;
   CommandOutcome verifyToken(const Invocation& invocation) const;
 

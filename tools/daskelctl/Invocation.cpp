@@ -24,6 +24,12 @@ std::string_view commandName(Command command) {
       return "post-notification";
     case Command::VerifyToken:
       return "verify-token";
+    case Command::Read:
+      return "read";
+    case Command::CoordinateRead:
+      return "coordinate-read";
+    case Command::Wrote:
+      return "wrote";
   }
   return "?";
 }

@@ -24,7 +24,10 @@ enum class Command {
   // Local commands.
   PostNotification,
   VerifyToken,
-  // The file-coordination service's commands (read, coordinate-read, wrote) will join here.
+  // The file-coordination service's commands (service com.orvane.FileCoordination).
+  Read,
+  CoordinateRead,
+  Wrote,
 };
 
 // The command's name on the command line ("extend-sandbox").
@@ -32,7 +35,8 @@ std::string_view commandName(Command command);
 
 struct Invocation {
   Command command = Command::WakeUp;
-  // URL-or-PATH of extend-sandbox, the item commands and bookmarkable-string.
+  // URL-or-PATH of extend-sandbox, the item commands, bookmarkable-string and the
+  // file-coordination commands.
   std::string target;
   std::string providerID;
   std::string consumerID;

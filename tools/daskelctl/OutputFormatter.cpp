@@ -175,6 +175,9 @@ nlohmann::json OutputFormatter::errorToJson(const ErrorPtr& error) {
 }
 
 std::string OutputFormatter::readableOutput(const CommandOutcome& outcome) {
+  if (outcome.succeeded() && outcome.rawOutput) {
+    return *outcome.rawOutput;
+  }
   if (outcome.succeeded() && !outcome.summary.empty()) {
     return printable(outcome.summary) + "\n";
   }

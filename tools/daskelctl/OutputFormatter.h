@@ -1,7 +1,8 @@
 // OutputFormatter: turns a CommandOutcome into what daskelctl prints.
 //
-// Readable form (the default), on standard output: the command's summary when it has one and
-// succeeded; else one "name: value" line per reply value, containers indented below their
+// Readable form (the default), on standard output: the outcome's raw output, unescaped, when
+// it has one and succeeded (a file's contents); else the command's summary when it has one
+// and succeeded; else one "name: value" line per reply value, containers indented below their
 // name, nil as "(none)". Control characters in texts are escaped (\n, \t, \xNN) so a hostile path
 // cannot rewrite the terminal.
 //

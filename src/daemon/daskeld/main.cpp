@@ -9,7 +9,10 @@
 
 #include "access_control/DKAccessControlStore.h"
 #include "daemon/DKServer.h"
+#include "platform/coordination/FileCoordinationService.h"
+#include "platform/coordination/TransparentCoordination.h"
 #include "platform/extensions/ExtensionHost.h"
+#include "platform/extensions/ExtensionPidRegistry.h"
 #include "platform/log/Log.h"
 #include "provider/DKExtensionHostContext.h"
 #include "provider/DKExtensionProvider.h"
@@ -44,7 +47,10 @@ constexpr char kUsage[] =
     "  DASKEL_EXTENSION_IDLE_SECONDS idle extension processes stop after this (30)\n"
     "  DASKEL_LOG                    levels, e.g. 'global=7 console=7 file=6' (3 error, 5 notice,\n"
     "                                6 info, 7 debug; default 6)\n"
-    "  DASKEL_LOG_FILE               also log to this file\n";
+    "  DASKEL_LOG_FILE               also log to this file\n"
+    "  DASKEL_COORDINATION_TIMEOUT_SECONDS\n"
+    "                                how long an open() of a provided item may wait for its\n"
+    "                                provider before it fails with EPERM (30)\n";
 
 }  // namespace
 
@@ -66,6 +72,15 @@ int main(int argc, char** argv) {
   // Peers that close their end must not kill the daemon with SIGPIPE.
   std::signal(SIGPIPE, SIG_IGN);
 
+  // Transparent file coordination (fanotify; needs CAP_SYS_ADMIN, else one notice line).
+  // Follows the providers of the shared FileCoordinator; the daemon and the running
+  // extension processes are exempt. Lives for the life of the process.
+  static const auto transparentCoordination = platform::TransparentCoordination::start(
+      platform::FileCoordinator::shared(),
+      {.bound = platform::TransparentCoordination::boundFromEnvironment(),
+       .isExemptProcess =
+           [](pid_t pid) { return platform::ExtensionPidRegistry::shared().contains(pid); }});
+
   // The live platform: extension bundles under DASKEL_EXTENSIONS_PATH, run as processes with
   // the daemon-extension protocol on each request's connection.
   platform::ExtensionHostOptions hostOptions;
@@ -84,7 +99,19 @@ int main(int argc, char** argv) {
            DKServicerContext::live(std::make_shared<DKRegistryServicerRegistry>(registry))});
   // The store is opened (and its file read) before the listener exists.
   server->setAccessControlStore(DKAccessControlStore::sharedStore());
-  server->startCompletion(nullptr);
+
+  // Cooperative file coordination: the named service com.orvane.FileCoordination. Its name
+  // is taken now and it serves once the first refresh has registered the providers, like the
+  // daemon's own service, so an early read is never told that nobody owns its item. If it
+  // cannot be made (it has logged why) the daemon serves without it.
+  auto coordinationCreated = platform::FileCoordinationService::create({});
+  const std::shared_ptr<platform::FileCoordinationService> coordinationService =
+      coordinationCreated ? *coordinationCreated : nullptr;
+  server->startCompletion([coordinationService] {
+    if (coordinationService) {
+      coordinationService->resume();
+    }
+  });
 
   if (server->listener() == nullptr) {
     // Another daemon holds the name, or the runtime directory is unusable; the listener has

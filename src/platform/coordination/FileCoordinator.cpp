@@ -7,6 +7,11 @@
 
 namespace daskel::platform {
 
+namespace {
+// How many observer calls the current thread is inside.
+thread_local int tNotifyDepth = 0;
+}  // namespace
+
 FileCoordinator& FileCoordinator::shared() {
   // Lives for the life of the process: providers may still be called during exit.
   static FileCoordinator* const coordinator = new FileCoordinator();
@@ -16,20 +21,59 @@ FileCoordinator& FileCoordinator::shared() {
 void FileCoordinator::addProvider(std::shared_ptr<CoordinationProvider> provider) {
   if (!provider)
     return;
-  std::lock_guard lock(mutex_);
-  if (std::ranges::find(providers_, provider) != providers_.end())
-    return;
-  providers_.push_back(std::move(provider));
+  {
+    std::lock_guard lock(mutex_);
+    if (std::ranges::find(providers_, provider) != providers_.end())
+      return;
+    providers_.push_back(provider);
+  }
+  notify(provider, Change::Added);
 }
 
 void FileCoordinator::removeProvider(const std::shared_ptr<CoordinationProvider>& provider) {
   std::shared_ptr<CoordinationProvider> removed;  // released after the lock
+  {
+    std::lock_guard lock(mutex_);
+    auto found = std::ranges::find(providers_, provider);
+    if (found == providers_.end())
+      return;
+    removed = std::move(*found);
+    providers_.erase(found);
+  }
+  notify(removed, Change::Removed);
+}
+
+FileCoordinator::ObserverToken FileCoordinator::addObserver(Observer observer) {
   std::lock_guard lock(mutex_);
-  auto found = std::ranges::find(providers_, provider);
-  if (found == providers_.end())
-    return;
-  removed = std::move(*found);
-  providers_.erase(found);
+  const ObserverToken token = nextObserverToken_++;
+  observers_.emplace(token, std::make_shared<Observer>(std::move(observer)));
+  return token;
+}
+
+void FileCoordinator::removeObserver(ObserverToken token) {
+  {
+    std::lock_guard lock(mutex_);
+    observers_.erase(token);
+  }
+  // Waits for calls that began before the erasure, unless this thread is making one (an
+  // observer whose last owner lets go of it during the call): waiting would never end.
+  if (tNotifyDepth == 0)
+    std::unique_lock wait(observerCallMutex_);
+}
+
+void FileCoordinator::notify(const std::shared_ptr<CoordinationProvider>& provider,
+                             Change change) {
+  std::shared_lock calling(observerCallMutex_);
+  std::vector<std::shared_ptr<Observer>> observers;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& [token, observer] : observers_)
+      observers.push_back(observer);
+  }
+  ++tNotifyDepth;
+  for (const auto& observer : observers)
+    (*observer)(provider, change);
+  --tNotifyDepth;
 }
 
 std::vector<std::shared_ptr<CoordinationProvider>> FileCoordinator::providers() const {

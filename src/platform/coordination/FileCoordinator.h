@@ -7,6 +7,12 @@
 // operation queue, so a removal queued after an addition runs after it. Adding a provider
 // that is already known does nothing; removing one that is not known does nothing.
 //
+// Observers (addObserver) hear of every addition and removal that changed the table: called
+// on the thread that made the change, after the table changed and before addProvider() or
+// removeProvider() returns, outside the mutex. Changes made on different threads may reach
+// an observer concurrently and in either order, so an observer that keeps its own picture
+// should re-read providers() rather than replay the changes.
+//
 // Ownership: holds the added providers strongly. shared() is the process-wide coordinator;
 // tests make their own.
 // THREADING NOTES: every member may be called from any thread; the table is guarded by a
@@ -14,9 +20,13 @@
 // Failure: none to report; a provider without a provided-items directory owns no URL.
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <vector>
 
 #include "platform/coordination/CoordinationProvider.h"
@@ -27,6 +37,11 @@ namespace daskel::platform {
 class FileCoordinator {
  public:
   static FileCoordinator& shared();
+
+  enum class Change { Added, Removed };
+  using Observer =
+      std::function<void(const std::shared_ptr<CoordinationProvider>& provider, Change change)>;
+  using ObserverToken = std::uint64_t;
 
   FileCoordinator() = default;
   FileCoordinator(const FileCoordinator&) = delete;
@@ -43,9 +58,22 @@ class FileCoordinator {
   // null.
   std::shared_ptr<CoordinationProvider> providerForURL(const Url& url) const;
 
+  // Calls `observer` for every later addition and removal, until removeObserver(). Providers
+  // already known are not reported; read providers() after adding the observer.
+  ObserverToken addObserver(Observer observer);
+  // After it returns the observer is not called again: it waits for calls running on other
+  // threads to finish. Called from within an observer call it returns at once.
+  void removeObserver(ObserverToken token);
+
  private:
+  void notify(const std::shared_ptr<CoordinationProvider>& provider, Change change);
+
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<CoordinationProvider>> providers_;
+  std::map<ObserverToken, std::shared_ptr<Observer>> observers_;
+  ObserverToken nextObserverToken_ = 1;
+  // Held shared while observers run, exclusively by removeObserver() to wait for them.
+  std::shared_mutex observerCallMutex_;
 };
 
 }  // namespace daskel::platform

@@ -179,6 +179,44 @@ TEST_F(FileCoordinatorTest, ConcurrentAdditionsRemovalsAndLookUpsLoseNoProvider)
   }
 }
 
+TEST_F(FileCoordinatorTest, ObserversHearEveryChangeThatAltersTheTableUntilTheyAreRemoved) {
+  auto first = provider("first");
+  auto second = provider("second");
+  std::vector<std::pair<CoordinationProvider*, FileCoordinator::Change>> heard;
+  const auto token = coordinator_.addObserver(
+      [&](const std::shared_ptr<CoordinationProvider>& changed, FileCoordinator::Change change) {
+        // The table already shows the change when the observer hears of it.
+        EXPECT_EQ(coordinator_.isRegistered(*changed), change == FileCoordinator::Change::Added);
+        heard.emplace_back(changed.get(), change);
+      });
+  coordinator_.addProvider(first);
+  coordinator_.addProvider(first);  // already known: no change
+  coordinator_.addProvider(second);
+  coordinator_.removeProvider(first);
+  coordinator_.removeProvider(first);  // not known any more: no change
+  coordinator_.removeObserver(token);
+  coordinator_.removeProvider(second);
+
+  using Change = FileCoordinator::Change;
+  const std::vector<std::pair<CoordinationProvider*, Change>> expected{
+      {first.get(), Change::Added}, {second.get(), Change::Added}, {first.get(), Change::Removed}};
+  EXPECT_EQ(heard, expected);
+}
+
+TEST_F(FileCoordinatorTest, AnObserverMayAskTheCoordinatorWhileItIsCalled) {
+  auto first = provider("first");
+  std::vector<std::size_t> sizes;
+  const auto token = coordinator_.addObserver(
+      [&](const std::shared_ptr<CoordinationProvider>&, FileCoordinator::Change) {
+        sizes.push_back(coordinator_.providers().size());
+        (void)coordinator_.providerForURL(item("first/file"));
+      });
+  coordinator_.addProvider(first);
+  coordinator_.removeProvider(first);
+  coordinator_.removeObserver(token);
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{1, 0}));
+}
+
 TEST(FileCoordinatorSharedTest, SharedIsOneCoordinatorForTheProcess) {
   EXPECT_EQ(&FileCoordinator::shared(), &FileCoordinator::shared());
 }

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "platform/errors/DKErrors.h"
+#include "platform/extensions/ExtensionPidRegistry.h"
 #include "platform/extensions/PluginRecord.h"
 #include "platform/filesystem/FileSystem.h"
 #include "platform/log/Log.h"
@@ -115,12 +116,16 @@ Result<std::shared_ptr<ExtensionProcess>> ExtensionProcess::launch(const PluginR
   if (error != 0)
     return failure(posixError(error, what, path));
   extensionEnd.reset();
+  // Listed from now until it is reaped, so that the transparent coordination front-end lets
+  // its opens through at once (see ExtensionPidRegistry.h).
+  ExtensionPidRegistry::shared().add(pid);
 
   auto abandon = [pid](ErrorPtr why) {
     ::kill(pid, SIGKILL);
     int status;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
+    ExtensionPidRegistry::shared().remove(pid);
     return failure(std::move(why));
   };
   // Through syscall(): glibc 2.36's <sys/pidfd.h> lacks C linkage for C++ callers.
@@ -330,6 +335,8 @@ void ExtensionProcess::pidfdReadable() {
   }
   if (reaped < 0)
     status = -1;  // ECHILD: reaped by someone else; how it ended is unknown.
+  // Reaped: the pid may name another process from now on.
+  ExtensionPidRegistry::shared().remove(pid_);
 
   std::string reason = describeStatus(status);
   bool killed = false;
