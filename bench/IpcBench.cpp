@@ -35,6 +35,8 @@
 #include "IpcBenchProtocol.h"
 #include "client/DaskelClient.h"
 #include "helpers/ChildProcess.h"
+#include "helpers/ClosedLoopClients.h"
+#include "helpers/RawPingPong.h"
 #include "platform/log/Log.h"
 
 namespace daskel::bench {
@@ -94,64 +96,6 @@ std::optional<ChildProcess> startHelper(const std::string& program,
   return child;
 }
 
-int connectTo(const std::string& path) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-  if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
-
-// A blocking raw connection that sends the request frame and reads the reply frame.
-class RawPeer {
- public:
-  explicit RawPeer(const std::string& path)
-      : fd_(connectTo(path)),
-        request_(ipcBenchRequestFrame()),
-        expected_(ipcBenchReplyFrame()),
-        reply_(expected_.size()) {}
-  ~RawPeer() {
-    if (fd_ >= 0) {
-      ::close(fd_);
-    }
-  }
-  RawPeer(const RawPeer&) = delete;
-  RawPeer& operator=(const RawPeer&) = delete;
-
-  bool ok() const { return fd_ >= 0; }
-
-  // One round trip; false when the reply is missing or not the expected bytes.
-  bool roundTrip() {
-    std::size_t done = 0;
-    while (done < request_.size()) {
-      const ssize_t n = ::send(fd_, request_.data() + done, request_.size() - done, MSG_NOSIGNAL);
-      if (n <= 0 && errno != EINTR) {
-        return false;
-      }
-      done += n > 0 ? static_cast<std::size_t>(n) : 0;
-    }
-    done = 0;
-    while (done < reply_.size()) {
-      const ssize_t n = ::read(fd_, reply_.data() + done, reply_.size() - done);
-      if (n <= 0 && errno != EINTR) {
-        return false;
-      }
-      done += n > 0 ? static_cast<std::size_t>(n) : 0;
-    }
-    return reply_ == expected_;
-  }
-
- private:
-  const int fd_;
-  const std::vector<std::uint8_t> request_;
-  const std::vector<std::uint8_t> expected_;
-  std::vector<std::uint8_t> reply_;
-};
-
 double microseconds(Clock::duration d) {
   return std::chrono::duration<double, std::micro>(d).count();
 }
@@ -181,8 +125,9 @@ void BM_IpcRoundTrip(benchmark::State& state) {
       return;
     }
     auto client = DaskelClient::connect(kIpcBenchService, ipcBenchInterface());
-    RawPeer raw(scratch.path("pingpong.sock"));
-    RawPeer rawToService(scratch.path(kIpcBenchService));
+    RawPeer raw(scratch.path("pingpong.sock"), ipcBenchRequestFrame(), ipcBenchReplyFrame());
+    RawPeer rawToService(scratch.path(kIpcBenchService), ipcBenchRequestFrame(),
+                         ipcBenchReplyFrame());
     if (!client || !raw.ok() || !rawToService.ok()) {
       state.SkipWithError("cannot connect to the helpers");
       return;
@@ -246,11 +191,6 @@ BENCHMARK(BM_IpcRoundTrip)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 // ---- throughput ----
 
-struct Load {
-  double rps = 0;
-  std::string error;
-};
-
 // Runs `clients` client processes in `mode` against `target` for `duration`, all starting at
 // once; the sum of their reply rates.
 Load runClients(const std::string& mode,
@@ -258,52 +198,9 @@ Load runClients(const std::string& mode,
                 int clients,
                 std::chrono::milliseconds duration,
                 const Scratch& scratch) {
-  Load load;
-  std::vector<ChildProcess> children;
-  children.reserve(clients);
-  for (int i = 0; i < clients; ++i) {
-    auto child = ChildProcess::start(DASKEL_IPC_BENCH_CLIENT,
-                                     {mode, target, std::to_string(duration.count())},
-                                     scratch.environment(), &load.error);
-    if (!child) {
-      return load;
-    }
-    children.push_back(std::move(*child));
-  }
-  // One deadline for all of them, so that hanging clients cannot add up their timeouts.
-  auto left = [](Clock::time_point deadline) {
-    return std::max(std::chrono::milliseconds(0),
-                    std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
-  };
-  const auto readyBy = Clock::now() + kHelperDeadline;
-  for (auto& child : children) {
-    auto line = child.readLine(left(readyBy));
-    if (line != "ready") {
-      load.error = "a " + mode + " client did not get ready: " + line.value_or("(no output)");
-      return load;  // the children are killed and reaped on the way out
-    }
-  }
-  for (auto& child : children) {
-    child.kill(SIGUSR1);
-  }
-  double rps = 0;
-  const auto doneBy = Clock::now() + duration + kHelperDeadline;
-  for (auto& child : children) {
-    auto line = child.readLine(left(doneBy));
-    long replies = 0;
-    long long nanoseconds = 0;
-    if (!line || std::sscanf(line->c_str(), "done %ld %lld", &replies, &nanoseconds) != 2 ||
-        nanoseconds <= 0) {
-      load.error = "a " + mode + " client failed: " + line.value_or("(no output)");
-      return load;
-    }
-    rps += replies / (static_cast<double>(nanoseconds) / 1e9);
-  }
-  for (auto& child : children) {
-    child.wait();
-  }
-  load.rps = rps;
-  return load;
+  return runClosedLoopClients(DASKEL_IPC_BENCH_CLIENT,
+                              {mode, target, std::to_string(duration.count())},
+                              scratch.environment(), clients, duration);
 }
 
 void BM_IpcThroughput(benchmark::State& state) {

@@ -1,7 +1,8 @@
-// ipc_bench_raw_server MODE PATH: the baselines of the IPC benchmark. Listens on the Unix
-// socket PATH and answers every frame (4-byte big-endian length, then that many bytes) with
-// the benchmark's reply frame, the very bytes the Daskel service would send. It decodes
-// nothing and checks nothing beyond the length: what is left is the cost of the kernel.
+// ipc_bench_raw_server MODE PATH [REPLY]: the raw baselines of the benchmarks. Listens on the
+// Unix socket PATH and answers every frame (4-byte big-endian length, then that many bytes)
+// with one reply frame: REPLY, the whole frame in hexadecimal, or by default the IPC
+// benchmark's reply frame; the very bytes the Daskel service would send. It decodes nothing
+// and checks nothing beyond the length: what is left is the cost of the kernel.
 //   pingpong  one connection at a time, blocking reads and writes
 //   epoll     a single-threaded, level-triggered epoll loop over all connections
 // Prints "ready" once listening; runs until SIGTERM.
@@ -23,10 +24,12 @@
 
 #include "IpcBenchProtocol.h"
 #include "helpers/HelperProcess.h"
+#include "helpers/RawPingPong.h"
 
 namespace {
 
-const std::vector<std::uint8_t> kReply = daskel::bench::ipcBenchReplyFrame();
+// What every frame is answered with; set once in main(), before serving.
+std::vector<std::uint8_t> replyFrame = daskel::bench::ipcBenchReplyFrame();
 
 int listenOn(const std::string& path, bool nonblocking) {
   const int fd =
@@ -96,7 +99,7 @@ void servePingPong(int listenFd) {
     while (readExactly(fd, header, sizeof header)) {
       payload.resize(frameLength(header));
       if (!readExactly(fd, payload.data(), payload.size()) ||
-          !writeAll(fd, kReply.data(), kReply.size())) {
+          !writeAll(fd, replyFrame.data(), replyFrame.size())) {
         break;
       }
     }
@@ -214,7 +217,7 @@ void serveEpoll(int listenFd) {
             break;
           }
           at += 4 + length;
-          peer.out.insert(peer.out.end(), kReply.begin(), kReply.end());
+          peer.out.insert(peer.out.end(), replyFrame.begin(), replyFrame.end());
         }
         peer.in.erase(peer.in.begin(), peer.in.begin() + static_cast<std::ptrdiff_t>(at));
       }
@@ -232,9 +235,17 @@ void serveEpoll(int listenFd) {
 
 int main(int argc, char** argv) {
   daskel::bench::prepareHelperProcess();
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: ipc_bench_raw_server pingpong|epoll PATH\n");
+  if (argc != 3 && argc != 4) {
+    std::fprintf(stderr, "usage: ipc_bench_raw_server pingpong|epoll PATH [REPLY-FRAME-HEX]\n");
     return 2;
+  }
+  if (argc == 4) {
+    auto reply = daskel::bench::fromHex(argv[3]);
+    if (!reply || reply->size() < 4) {
+      std::fprintf(stderr, "ipc_bench_raw_server: the reply frame is not hexadecimal bytes\n");
+      return 2;
+    }
+    replyFrame = std::move(*reply);
   }
   const std::string mode = argv[1];
   const bool epoll = mode == "epoll";

@@ -1,0 +1,462 @@
+// The transparent coordination front-end end to end: the real daskeld (with
+// CAP_SYS_ADMIN), real extension processes (the scripted test extension, the local-folder
+// example) and unrelated processes (/bin/cat, /bin/sh) that only open(), read() and write()
+// files under the storage directories.
+//
+// The daemon runs once for the suite, with the bound shortened to a few seconds through
+// DASKEL_COORDINATION_TIMEOUT_SECONDS; the DaemonFixture lays out the installation and runs
+// the reader processes. Every storage item a reader opens exists beforehand (an empty
+// stand-in): fanotify only sees opens of files that exist.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "ScriptedExtensionBundle.h"
+#include "helpers/DaemonFixture.h"
+#include "helpers/SpawnedProcess.h"
+#include "platform/url/Url.h"
+
+namespace daskel::testing {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr char kLocalFolder[] = "com.example.daskel.local-folder-provider";
+constexpr char kLocalFolderGroup[] = "group.com.example.daskel.local-folder";
+constexpr char kBoundSeconds[] = "3";
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string fileUrl(const std::string& path) {
+  return platform::Url::fileUrlWithPath(path, false)->absoluteString();
+}
+
+// How many mounts have `path` as their mount point (/proc/self/mountinfo writes a space as
+// \040).
+int mountsAt(const std::string& path) {
+  std::ifstream in("/proc/self/mountinfo");
+  int count = 0;
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream fields(line);
+    std::string field;
+    for (int i = 0; i < 5; ++i)
+      fields >> field;
+    std::string decoded;
+    for (std::size_t i = 0; i < field.size(); ++i) {
+      if (field[i] == '\\' && i + 3 < field.size()) {
+        decoded += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
+        i += 3;
+      } else {
+        decoded += field[i];
+      }
+    }
+    count += decoded == path ? 1 : 0;
+  }
+  return count;
+}
+
+pid_t parentOf(pid_t pid) {
+  const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+  const auto close = stat.rfind(')');
+  if (close == std::string::npos)
+    return -1;
+  std::istringstream fields(stat.substr(close + 1));
+  std::string state;
+  pid_t parent = -1;
+  fields >> state >> parent;
+  return parent;
+}
+
+std::vector<pid_t> childrenOf(pid_t parent) {
+  std::vector<pid_t> children;
+  DIR* proc = ::opendir("/proc");
+  if (proc == nullptr)
+    return children;
+  while (dirent* entry = ::readdir(proc)) {
+    char* end = nullptr;
+    const long pid = std::strtol(entry->d_name, &end, 10);
+    if (pid > 0 && *end == '\0' && parentOf(static_cast<pid_t>(pid)) == parent)
+      children.push_back(static_cast<pid_t>(pid));
+  }
+  ::closedir(proc);
+  return children;
+}
+
+bool fanotifyPermissionEventsAvailable() {
+  const int fd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (fd < 0)
+    return false;
+  ::close(fd);
+  return true;
+}
+
+class TransparentCoordinationEndToEnd : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (!fanotifyPermissionEventsAvailable())
+      return;
+    installation_ = new DaemonFixture();
+    setUpError_ = layOutAndStart();
+  }
+
+  static void TearDownTestSuite() {
+    if (installation_ == nullptr)
+      return;
+    stopDaemon();
+    // The daemon unmounts what it mounted when it is stopped (SIGTERM).
+    for (const auto& [name, storage] : storage_)
+      EXPECT_EQ(mountsAt(storage), 0) << storage << " is still mounted after the daemon stopped";
+    for (const auto& [name, storage] : storage_) {
+      while (mountsAt(storage) > 0 && ::umount2(storage.c_str(), MNT_DETACH) == 0) {
+      }
+    }
+    delete installation_;
+    installation_ = nullptr;
+  }
+
+  void SetUp() override {
+    if (installation_ == nullptr)
+      GTEST_SKIP() << "fanotify permission events need CAP_SYS_ADMIN, which this process lacks";
+    ASSERT_TRUE(setUpError_.empty()) << setUpError_;
+    ASSERT_TRUE(daemon_ && !daemon_->waitFor(0ms)) << "the daemon has stopped; its log:\n"
+                                                   << log();
+    logStart_ = log().size();
+  }
+
+  static ScriptedExtensionBundle scripted(const std::string& name, const std::string& script) {
+    ScriptedExtensionBundle bundle;
+    bundle.name = name;
+    bundle.identifier = "com.example.transparent." + name;
+    bundle.group = "group.com.example.transparent." + name;
+    bundle.script = script;
+    return bundle;
+  }
+
+  static std::string layOutAndStart() {
+    DaemonFixture& installation = *installation_;
+    if (!installation.ready())
+      return installation.setUpError();
+    std::string error;
+    for (const auto& bundle :
+         {scripted("plain", ""),
+          scripted("refusing", "identifierForItem error com.example.e2e 41 Not an item of mine.\n"),
+          scripted("crashing", "startProviding crash\n"),
+          scripted("silent", "startProviding never-answer\n")}) {
+      bundles_[bundle.name] = installation.installExtension(bundle, &error);
+      if (bundles_[bundle.name].empty())
+        return error;
+      storage_[bundle.name] = installation.storageDirectory(bundle.group);
+    }
+    // The local-folder example, with a source folder of its own.
+    const std::string staged = installation.root() + "/staging/local-folder-provider.dkext";
+    fs::create_directories(staged + "/Source");
+    fs::copy_file(std::string(DASKEL_E2E_LOCAL_FOLDER_BUNDLE) + "/Info.plist",
+                  staged + "/Info.plist");
+    ::chmod((staged + "/Info.plist").c_str(), 0644);
+    if (::symlink((std::string(DASKEL_E2E_LOCAL_FOLDER_BUNDLE) + "/local-folder-provider").c_str(),
+                  (staged + "/local-folder-provider").c_str()) != 0)
+      return "cannot link the local-folder provider";
+    std::ofstream(staged + "/Source/Report.md") << "# Quarterly report\n";
+    localFolderSource_ = installation.extensionsDirectory() + "/local-folder-provider.dkext/Source";
+    fs::rename(staged, installation.extensionsDirectory() + "/local-folder-provider.dkext");
+    storage_["local-folder"] = installation.storageDirectory(kLocalFolderGroup);
+
+    // Stand-ins: the items exist, empty, before anything was provided.
+    for (const auto& [name, storage] : storage_) {
+      fs::create_directories(storage);
+      std::ofstream(storage + "/" + (name == "local-folder" ? "Report.md" : "item.txt"));
+    }
+
+    logPath_ = installation.root() + "/daskeld-transparent.log";
+    SpawnedProcess::Options options;
+    options.program = DaemonFixture::kDaskeld;
+    options.environment = installation.environment("global=7 console=7 file=7");
+    options.environment.push_back(std::string("DASKEL_COORDINATION_TIMEOUT_SECONDS=") +
+                                  kBoundSeconds);
+    options.standardOutputPath = logPath_;
+    options.standardErrorPath = logPath_;
+    daemon_ = SpawnedProcess::start(options, &error);
+    if (!daemon_)
+      return error;
+    // Serving transparently once every storage directory is watched.
+    for (const auto& [name, storage] : storage_) {
+      const std::string line = "Transparent file coordination watches " + storage + " for ";
+      if (!waitForLog(line, 0, 60s))
+        return "no line '" + line + "'; the daemon's log:\n" + log();
+    }
+    return {};
+  }
+
+  static void stopDaemon() {
+    if (!daemon_)
+      return;
+    const std::vector<pid_t> extensions = childrenOf(daemon_->pid());
+    daemon_->kill(SIGTERM);
+    if (!daemon_->waitFor(10s)) {
+      ADD_FAILURE() << "daskeld did not end on SIGTERM";
+      daemon_->kill(SIGKILL);
+      daemon_->waitFor(10s);
+    }
+    daemon_.reset();
+    // The extensions exit when their control sockets close; the fixture made this process
+    // their subreaper.
+    const auto deadline = DaemonFixture::Clock::now() + 15s;
+    std::vector<pid_t> left = extensions;
+    while (!left.empty()) {
+      std::erase_if(left, [](pid_t pid) {
+        int status = 0;
+        const pid_t done = ::waitpid(pid, &status, WNOHANG);
+        return done == pid || (done < 0 && errno == ECHILD);
+      });
+      if (left.empty())
+        break;
+      if (DaemonFixture::Clock::now() >= deadline) {
+        for (pid_t pid : left) {
+          ADD_FAILURE() << "extension process " << pid << " did not end with its daemon";
+          ::kill(pid, SIGKILL);
+          int status = 0;
+          ::waitpid(pid, &status, 0);
+        }
+        break;
+      }
+      std::this_thread::sleep_for(5ms);
+    }
+    const std::string text = log();
+    for (const char* marker : {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
+                               "ERROR: LeakSanitizer", "runtime error:"}) {
+      if (text.find(marker) != std::string::npos)
+        ADD_FAILURE() << "sanitizer report in the daemon's log:\n" << text;
+    }
+  }
+
+  static std::string log() { return logPath_.empty() ? std::string() : readFile(logPath_); }
+  static bool waitForLog(const std::string& text, std::size_t offset,
+                         std::chrono::milliseconds timeout) {
+    const auto deadline = DaemonFixture::Clock::now() + timeout;
+    for (;;) {
+      const std::string current = log();
+      if (current.size() > offset && current.find(text, offset) != std::string::npos)
+        return true;
+      if (DaemonFixture::Clock::now() >= deadline)
+        return false;
+      std::this_thread::sleep_for(10ms);
+    }
+  }
+  std::string logSinceStart() const {
+    const std::string current = log();
+    return current.size() > logStart_ ? current.substr(logStart_) : std::string();
+  }
+
+  // The calls the scripted extension `name` has recorded.
+  static std::vector<std::string> calls(const std::string& name) {
+    return ScriptedExtensionBundle::calls(bundles_.at(name));
+  }
+  static bool called(const std::string& name, const std::string& line) {
+    const auto lines = calls(name);
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  }
+  static bool waitForCall(const std::string& name, const std::string& line) {
+    const auto deadline = DaemonFixture::Clock::now() + 30s;
+    while (!called(name, line)) {
+      if (DaemonFixture::Clock::now() >= deadline)
+        return false;
+      std::this_thread::sleep_for(10ms);
+    }
+    return true;
+  }
+
+  // A plain reader: cat, with the deadline a hung open would run into.
+  ClientResult cat(const std::string& path, std::chrono::milliseconds deadline = 30s) {
+    return installation_->run("/bin/cat", {path}, deadline);
+  }
+
+  static inline DaemonFixture* installation_ = nullptr;
+  static inline std::string setUpError_;
+  static inline std::optional<SpawnedProcess> daemon_;
+  static inline std::string logPath_;
+  static inline std::map<std::string, std::string> bundles_;
+  static inline std::map<std::string, std::string> storage_;
+  static inline std::string localFolderSource_;
+  std::size_t logStart_ = 0;
+};
+
+TEST_F(TransparentCoordinationEndToEnd, APlainReadOfAnItemNotYetProvidedReturnsWhatTheProviderFetched) {
+  const std::string item = storage_.at("local-folder") + "/Report.md";
+  // Looked at without opening it: an open by this process would be coordinated too.
+  ASSERT_EQ(fs::file_size(item), 0u) << "the stand-in is not empty to begin with";
+
+  const ClientResult reader = cat(item);
+  EXPECT_EQ(reader.exitStatus, 0) << reader.standardError << "\n" << logSinceStart();
+  EXPECT_EQ(reader.standardOutput, "# Quarterly report\n");
+  // The daemon asked the provider on the reader's behalf, naming the reader.
+  EXPECT_NE(logSinceStart().find("requested us to provide item at URL " + fileUrl(item) +
+                                 " for consumer pid " + std::to_string(reader.pid)),
+            std::string::npos)
+      << logSinceStart();
+}
+
+TEST_F(TransparentCoordinationEndToEnd, AnItemTheExtensionCannotNameIsRefusedWithEPERMAndNeverStarted) {
+  const std::string item = storage_.at("refusing") + "/item.txt";
+  const ClientResult reader = cat(item);
+  EXPECT_EQ(reader.exitStatus, 1);
+  EXPECT_NE(reader.standardError.find("Operation not permitted"), std::string::npos)
+      << reader.standardError;
+  EXPECT_TRUE(called("refusing", "identifierForItem " + fileUrl(item)))
+      << ::testing::PrintToString(calls("refusing"));
+  EXPECT_FALSE(called("refusing", "startProviding " + fileUrl(item)))
+      << ::testing::PrintToString(calls("refusing"));
+}
+
+TEST_F(TransparentCoordinationEndToEnd, AFinishedWriteByAPlainProcessReachesTheOwningExtension) {
+  const std::string item = storage_.at("plain") + "/item.txt";
+  const ClientResult writer =
+      installation_->run("/bin/sh", {"-c", "printf 'new text' > \"$0\"", item});
+  EXPECT_EQ(writer.exitStatus, 0) << writer.standardError;
+  EXPECT_TRUE(waitForCall("plain", "itemChanged " + fileUrl(item)))
+      << ::testing::PrintToString(calls("plain")) << "\n" << logSinceStart();
+  // Its open was coordinated first, like a read.
+  EXPECT_TRUE(called("plain", "startProviding " + fileUrl(item)));
+  EXPECT_EQ(readFile(item), "new text");
+
+  // A read closes without writing: no second notice.
+  const auto changedBefore = std::ranges::count(calls("plain"), "itemChanged " + fileUrl(item));
+  const ClientResult reader = cat(item);
+  EXPECT_EQ(reader.exitStatus, 0) << reader.standardError;
+  EXPECT_EQ(reader.standardOutput, "new text");
+  EXPECT_EQ(std::ranges::count(calls("plain"), "itemChanged " + fileUrl(item)), changedBefore);
+}
+
+TEST_F(TransparentCoordinationEndToEnd, AProviderThatCrashesFailsTheOpenAtOnceRatherThanAtTheBound) {
+  const std::string item = storage_.at("crashing") + "/item.txt";
+  const ClientResult reader = cat(item);
+  EXPECT_EQ(reader.exitStatus, 1) << "the open hung";
+  EXPECT_NE(reader.standardError.find("Operation not permitted"), std::string::npos)
+      << reader.standardError;
+  EXPECT_TRUE(called("crashing", "startProviding " + fileUrl(item)));
+  // Denied for the provider's error, not by the bound.
+  const std::string since = logSinceStart();
+  EXPECT_NE(since.find("com.example.transparent.crashing could not provide " + item + " to pid " +
+                       std::to_string(reader.pid)),
+            std::string::npos)
+      << since;
+  EXPECT_EQ(since.find("did not provide " + item), std::string::npos) << since;
+}
+
+TEST_F(TransparentCoordinationEndToEnd, AProviderThatNeverAnswersFailsTheOpenAtTheBound) {
+  const std::string item = storage_.at("silent") + "/item.txt";
+  const ClientResult reader = cat(item);
+  EXPECT_EQ(reader.exitStatus, 1) << "the open was not denied at the bound";
+  EXPECT_NE(reader.standardError.find("Operation not permitted"), std::string::npos)
+      << reader.standardError;
+  EXPECT_TRUE(called("silent", "startProviding " + fileUrl(item)));
+  const std::string line = "com.example.transparent.silent did not provide " + item + " to pid " +
+                           std::to_string(reader.pid);
+  EXPECT_TRUE(waitForLog(line, logStart_, 10s)) << logSinceStart();
+  EXPECT_NE(logSinceStart().find(std::string("within ") + kBoundSeconds + " s; denied the open"),
+            std::string::npos)
+      << logSinceStart();
+}
+
+TEST_F(TransparentCoordinationEndToEnd, EachStorageDirectoryHasOneMountOfItsOwnAndNothingElseIsWatched) {
+  for (const auto& [name, storage] : storage_)
+    EXPECT_EQ(mountsAt(storage), 1) << storage;
+  // A file beside the storage directories is read without asking anybody.
+  const std::string outside = installation_->root() + "/outside.txt";
+  std::ofstream(outside) << "outside\n";
+  const ClientResult reader = cat(outside);
+  EXPECT_EQ(reader.exitStatus, 0);
+  EXPECT_EQ(reader.standardOutput, "outside\n");
+  EXPECT_EQ(logSinceStart().find("requested us to provide item at URL " + fileUrl(outside)),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace daskel::testing
+
+namespace daskel::testing {
+namespace {
+
+TEST(TransparentCoordinationWithoutTheCapability, TheDaemonSaysSoOnceAndServesWithoutWatchingAnything) {
+  constexpr char kSetpriv[] = "/usr/bin/setpriv";
+  if (::access(kSetpriv, X_OK) != 0)
+    GTEST_SKIP() << kSetpriv << " is needed to start the daemon without CAP_SYS_ADMIN";
+  DaemonFixture installation;
+  ASSERT_TRUE(installation.ready()) << installation.setUpError();
+  ScriptedExtensionBundle bundle;
+  bundle.name = "Plain";
+  bundle.identifier = "com.example.transparent.uncapable";
+  bundle.group = "group.com.example.transparent.uncapable";
+  std::string error;
+  ASSERT_FALSE(installation.installExtension(bundle, &error).empty()) << error;
+  const std::string storage = installation.storageDirectory(bundle.group);
+
+  const std::string logPath = installation.root() + "/daskeld-uncapable.log";
+  SpawnedProcess::Options options;
+  options.program = kSetpriv;
+  options.arguments = {"--inh-caps=-sys_admin", "--bounding-set=-sys_admin",
+                       DaemonFixture::kDaskeld};
+  options.environment = installation.environment("global=7 console=7 file=7");
+  options.standardOutputPath = logPath;
+  options.standardErrorPath = logPath;
+  auto daemon = SpawnedProcess::start(options, &error);
+  ASSERT_TRUE(daemon.has_value()) << error;
+  const auto deadline = DaemonFixture::Clock::now() + 60s;
+  std::string log;
+  while (DaemonFixture::Clock::now() < deadline) {
+    log = readFile(logPath);
+    if (log.find("Registered daskel extension " + bundle.identifier) != std::string::npos)
+      break;
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_NE(log.find("Registered daskel extension " + bundle.identifier), std::string::npos) << log;
+  const std::string notice = "only the cooperative front-end is available.";
+  const auto first = log.find(notice);
+  EXPECT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find(notice, first + 1), std::string::npos) << "said more than once:\n" << log;
+  EXPECT_NE(log.find("<Notice>: Transparent file coordination is off"), std::string::npos) << log;
+  EXPECT_EQ(mountsAt(storage), 0);
+  EXPECT_EQ(log.find("Transparent file coordination watches"), std::string::npos) << log;
+  // And it serves.
+  const ClientResult wakeUp =
+      installation.run(DaemonFixture::kDaskelctl, {"--timeout", "30", "wake-up"});
+  EXPECT_EQ(wakeUp.exitStatus, 0) << wakeUp.standardError;
+
+  const std::vector<pid_t> extensions = childrenOf(daemon->pid());
+  daemon->kill(SIGTERM);
+  EXPECT_TRUE(daemon->waitFor(10s).has_value());
+  for (pid_t pid : extensions) {
+    int status = 0;
+    const auto until = DaemonFixture::Clock::now() + 15s;
+    while (::waitpid(pid, &status, WNOHANG) == 0 && DaemonFixture::Clock::now() < until)
+      std::this_thread::sleep_for(5ms);
+    if (::waitpid(pid, &status, WNOHANG) == 0) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+    }
+  }
+  const std::string finalLog = readFile(logPath);
+  for (const char* marker : {"WARNING: ThreadSanitizer", "ERROR: AddressSanitizer",
+                             "ERROR: LeakSanitizer", "runtime error:"})
+    EXPECT_EQ(finalLog.find(marker), std::string::npos) << finalLog;
+}
+
+}  // namespace
+}  // namespace daskel::testing
