@@ -18,14 +18,14 @@ using platform::kLogError;
 
 class DKExtensionProviderInitTest : public ::testing::Test {
  protected:
-  // A provider for a bundle written from `spec`, its record known to the platform.
-  std::shared_ptr<DKExtensionProvider> providerFor(const ProviderBundleSpec& spec) {
-    auto record = tree_.writeBundle(spec);
+  // A provider for a bundle written from `layout`, its record known to the platform.
+  std::shared_ptr<DKExtensionProvider> providerFor(const ProviderBundleLayout& layout) {
+    auto record = tree_.writeBundle(layout);
     EXPECT_TRUE(record) << record.error()->description();
     if (record)
       matching_->setRecord(*record);
-    extension_ = std::make_shared<FakeAppExtension>(spec.identifier);
-    extension_->setDescription("<extension " + spec.identifier + ">");
+    extension_ = std::make_shared<FakeAppExtension>(layout.identifier);
+    extension_->setDescription("<extension " + layout.identifier + ">");
     return DKExtensionProvider::initWithExtension(extension_,
                                                   DKProviderPlatform::live(matching_, nullptr));
   }
@@ -46,10 +46,10 @@ class DKExtensionProviderInitTest : public ::testing::Test {
 
 TEST_F(DKExtensionProviderInitTest,
        TheStorageDirectoryIsDaskelStorageInTheDocumentGroupsContainer) {
-  ProviderBundleSpec spec;
-  spec.identifier = "com.example.docs";
-  spec.groups = {"group.com.example.cache", "group.com.example"};
-  auto provider = providerFor(spec);
+  ProviderBundleLayout layout;
+  layout.identifier = "com.example.docs";
+  layout.groups = {"group.com.example.cache", "group.com.example"};
+  auto provider = providerFor(layout);
 
   const std::optional<Url> url = provider->providedItemsURL();
   ASSERT_TRUE(url);
@@ -73,33 +73,33 @@ TEST_F(DKExtensionProviderInitTest,
 TEST_F(DKExtensionProviderInitTest, EachRecordProblemLeavesNoStorageDirectoryAndOneErrorLine) {
   struct Case {
     const char* what;
-    std::function<void(ProviderBundleSpec&)> change;
+    std::function<void(ProviderBundleLayout&)> change;
     std::string line;
   };
   const std::vector<Case> cases = {
-      {"no document group", [](ProviderBundleSpec& spec) { spec.documentGroup = Value(); },
+      {"no document group", [](ProviderBundleLayout& layout) { layout.documentGroup = Value(); },
        "Cannot read OxExtensionDaskelDocumentGroup key from the Info.plist of "},
       {"a document group that is no string",
-       [](ProviderBundleSpec& spec) { spec.documentGroup = Value(7); },
+       [](ProviderBundleLayout& layout) { layout.documentGroup = Value(7); },
        "Cannot read OxExtensionDaskelDocumentGroup key from the Info.plist of "},
       {"a document group the bundle is not entitled to",
-       [](ProviderBundleSpec& spec) { spec.documentGroup = Value("group.org.other"); },
+       [](ProviderBundleLayout& layout) { layout.documentGroup = Value("group.org.other"); },
        "Cannot deduce the provided items URL for "},
   };
   int index = 0;
   for (const Case& testCase : cases) {
     SCOPED_TRACE(testCase.what);
     log_->clear();
-    ProviderBundleSpec spec;
-    spec.identifier = "com.example.case" + std::to_string(index++);
-    testCase.change(spec);
-    auto provider = providerFor(spec);
+    ProviderBundleLayout layout;
+    layout.identifier = "com.example.case" + std::to_string(index++);
+    testCase.change(layout);
+    auto provider = providerFor(layout);
 
     EXPECT_EQ(provider->providedItemsURL(), std::nullopt);
-    EXPECT_EQ(log_->count(kLogError, testCase.line + "<extension " + spec.identifier + ">"), 1u);
+    EXPECT_EQ(log_->count(kLogError, testCase.line + "<extension " + layout.identifier + ">"), 1u);
     EXPECT_EQ(errorLines(), 1u);
     // The rest of the provider is there all the same.
-    EXPECT_EQ(provider->identifier(), spec.identifier);
+    EXPECT_EQ(provider->identifier(), layout.identifier);
     EXPECT_NE(provider->operationQueue(), nullptr);
   }
 }

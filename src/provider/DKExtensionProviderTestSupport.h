@@ -100,9 +100,9 @@ class ProviderHarness {
  public:
   explicit ProviderHarness(const std::string& identifier = "com.example.provider")
       : extension_(std::make_shared<FakeAppExtension>(identifier)) {
-    ProviderBundleSpec spec;
-    spec.identifier = identifier;
-    auto record = tree_.writeBundle(spec);
+    ProviderBundleLayout layout;
+    layout.identifier = identifier;
+    auto record = tree_.writeBundle(layout);
     EXPECT_TRUE(record) << record.error()->description();
     if (record)
       matching_->setRecord(*record);

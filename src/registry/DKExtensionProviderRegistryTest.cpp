@@ -117,12 +117,12 @@ class DKExtensionProviderRegistryTest : public ::testing::Test {
                          const std::string& version = "1.0",
                          bool withRecord = true) {
     if (withRecord) {
-      ProviderBundleSpec spec;
-      spec.identifier = identifier;
-      spec.version = version;
-      spec.documentGroup = Value("group." + identifier);
-      spec.groups = {"group." + identifier};
-      auto record = tree_.writeBundle(spec);
+      ProviderBundleLayout layout;
+      layout.identifier = identifier;
+      layout.version = version;
+      layout.documentGroup = Value("group." + identifier);
+      layout.groups = {"group." + identifier};
+      auto record = tree_.writeBundle(layout);
       EXPECT_TRUE(record.has_value()) << identifier;
       if (record) {
         matching_->setRecord(*record);

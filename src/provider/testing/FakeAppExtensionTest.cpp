@@ -181,15 +181,15 @@ TEST(FakeAppExtensionMatchingTest, ReportsArriveInOrderStartingWithTheCurrentLis
 TEST(ProviderBundleTreeTest, BundlesBecomeRealRecordsWithContainersInTheTree) {
   ProviderBundleTree tree;
   FakeAppExtensionMatching matching;
-  ProviderBundleSpec spec;
-  spec.identifier = "com.example.docs";
-  auto record = tree.writeBundle(spec);
+  ProviderBundleLayout layout;
+  layout.identifier = "com.example.docs";
+  auto record = tree.writeBundle(layout);
   ASSERT_TRUE(record) << record.error()->description();
   matching.setRecord(*record);
 
   ASSERT_EQ(matching.recordForIdentifier("com.example.docs"), *record);
   EXPECT_EQ(matching.recordForIdentifier("com.example.other"), nullptr);
-  EXPECT_EQ((*record)->infoDictionary(), spec.infoDictionary());
+  EXPECT_EQ((*record)->infoDictionary(), layout.infoDictionary());
   const auto containers = (*record)->groupContainerUrls();
   ASSERT_EQ(containers.size(), 1u);
   EXPECT_EQ(containers.at("group.com.example").path(),

@@ -16,7 +16,7 @@ namespace daskel {
 namespace fs = std::filesystem;
 using platform::Value;
 
-Value ProviderBundleSpec::infoDictionary() const {
+Value ProviderBundleLayout::infoDictionary() const {
   Value::Dictionary extension{{platform::kOxExtensionPointIdentifierKey, Value(extensionPoint)}};
   if (!documentGroup.isNull())
     extension[platform::kOxExtensionDaskelDocumentGroupKey] = documentGroup;
@@ -54,12 +54,12 @@ ProviderBundleTree::~ProviderBundleTree() {
 }
 
 platform::Result<std::shared_ptr<const platform::PluginRecord>> ProviderBundleTree::writeBundle(
-    const ProviderBundleSpec& spec) const {
-  const std::string bundlePath = extensions_ + "/" + spec.identifier + ".dkext";
+    const ProviderBundleLayout& layout) const {
+  const std::string bundlePath = extensions_ + "/" + layout.identifier + ".dkext";
   if (auto made = platform::createDirectoryAtPath(bundlePath); !made)
     return platform::failure(made.error());
   if (auto written = platform::writePropertyListAtomically(
-          spec.infoDictionary(), bundlePath + "/" + platform::kInfoPlistFileName);
+          layout.infoDictionary(), bundlePath + "/" + platform::kInfoPlistFileName);
       !written) {
     return platform::failure(written.error());
   }

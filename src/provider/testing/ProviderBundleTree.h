@@ -23,7 +23,7 @@
 namespace daskel {
 
 // What a provider bundle's Info.plist says.
-struct ProviderBundleSpec {
+struct ProviderBundleLayout {
   std::string identifier = "com.example.provider";
   std::optional<std::string> version = "1.0";
   std::string extensionPoint = "com.orvane.daskel-nonui";
@@ -51,7 +51,7 @@ class ProviderBundleTree {
   // Writes the bundle "<extensions>/<identifier>.dkext" (Info.plist and an executable file)
   // and reads its record back.
   platform::Result<std::shared_ptr<const platform::PluginRecord>> writeBundle(
-      const ProviderBundleSpec& spec) const;
+      const ProviderBundleLayout& layout) const;
 
  private:
   std::string root_;
