@@ -251,9 +251,21 @@ void DKIpcServicer::providePlaceholderForItemAtURL(const std::optional<Url>& url
     return;
   }
 
-  provider->itemIDForURL(*url, [self = shared_from_this(), provider, url = *url,
-                                providerID = *providerID, consumerID = *consumerID,
-                                handler](const ErrorPtr& error, const Value& itemID) {
+  forwardIfGranted(provider, *url, *providerID, *consumerID, handler,
+                   [](DKExtensionProvider& provider, const Url& url, const ErrorHandler& handler) {
+                     provider.providePlaceholderForItemAtURL(url, handler);
+                   });
+}
+
+void DKIpcServicer::forwardIfGranted(const std::shared_ptr<DKExtensionProvider>& provider,
+                                     const Url& url,
+                                     const std::string& providerID,
+                                     const std::string& consumerID,
+                                     ErrorHandler handler,
+                                     Forward forward) {
+  provider->itemIDForURL(url, [self = shared_from_this(), provider, url, providerID, consumerID,
+                               handler = std::move(handler), forward = std::move(forward)](
+                                  const ErrorPtr& error, const Value& itemID) {
     if (error) {
       // The provider's error already says the plug-in operation failed; clients see it
       // wrapped twice.
@@ -264,11 +276,25 @@ void DKIpcServicer::providePlaceholderForItemAtURL(const std::optional<Url>& url
     }
     const auto store = self->serverAccessControlStore();
     if (store && store->isProviderWithIdentifier(providerID, optionalView(itemID), consumerID)) {
-      provider->providePlaceholderForItemAtURL(url, handler);
+      forward(*provider, url, handler);
     } else if (handler) {
       handler(DKNotPermittedError());
     }
   });
+}
+
+std::shared_ptr<DKExtensionProvider> DKIpcServicer::namedProviderHoldingURL(
+    const std::optional<Url>& url,
+    const std::optional<std::string>& providerID,
+    const std::optional<std::string>& consumerID) const {
+  if (checkItemArguments(url, providerID, consumerID)) {
+    return nullptr;
+  }
+  auto provider = context_->registry->providerForURL(*url);
+  if (!provider || provider->identifier() != *providerID) {
+    return nullptr;
+  }
+  return provider;
 }
 
 void DKIpcServicer::startProvidingItemAtURL(const std::optional<Url>& url,
@@ -283,41 +309,19 @@ void DKIpcServicer::startProvidingItemAtURL(const std::optional<Url>& url,
     return;
   }
 
-  ErrorPtr refusal = checkItemArguments(url, providerID, consumerID);
-  std::shared_ptr<DKExtensionProvider> provider;
-  if (!refusal) {
-    provider = context_->registry->providerForURL(*url);
-    if (!provider) {
-      refusal = DKNotFoundError(providerID);
-    } else if (provider->identifier() != *providerID) {
-      refusal = DKInvalidParameterError("providerID", Value(*providerID));
-    }
-  }
-  if (refusal) {
-    // Every refusal after the gate reaches the client as not-found with the provider
-    // identifier it named, whatever the actual reason.
+  // Every refusal after the gate (missing argument, no provider holds the URL, another
+  // provider holds it) reaches the client as not-found with the provider identifier it named.
+  const auto provider = namedProviderHoldingURL(url, providerID, consumerID);
+  if (!provider) {
     if (handler) {
       replyAsync([handler, providerID] { handler(DKNotFoundError(providerID)); });
     }
     return;
   }
-
-  provider->itemIDForURL(*url, [self = shared_from_this(), provider, url = *url,
-                                providerID = *providerID, consumerID = *consumerID,
-                                handler](const ErrorPtr& error, const Value& itemID) {
-    if (error) {
-      if (handler) {
-        handler(DKPluginOperationFailedError(error));
-      }
-      return;
-    }
-    const auto store = self->serverAccessControlStore();
-    if (store && store->isProviderWithIdentifier(providerID, optionalView(itemID), consumerID)) {
-      provider->startProvidingItemAtURL(url, handler);
-    } else if (handler) {
-      handler(DKNotPermittedError());
-    }
-  });
+  forwardIfGranted(provider, *url, *providerID, *consumerID, handler,
+                   [](DKExtensionProvider& provider, const Url& url, const ErrorHandler& handler) {
+                     provider.startProvidingItemAtURL(url, handler);
+                   });
 }
 
 void DKIpcServicer::stopProvidingItemAtURL(const std::optional<Url>& url,
@@ -332,18 +336,10 @@ void DKIpcServicer::stopProvidingItemAtURL(const std::optional<Url>& url,
     return;
   }
 
-  // The consumer is only required to be present: stopping consults no grant.
-  ErrorPtr refusal = checkItemArguments(url, providerID, consumerID);
-  std::shared_ptr<DKExtensionProvider> provider;
-  if (!refusal) {
-    provider = context_->registry->providerForURL(*url);
-    if (!provider) {
-      refusal = DKNotFoundError(providerID);
-    } else if (provider->identifier() != *providerID) {
-      refusal = DKInvalidParameterError("providerID");
-    }
-  }
-  if (refusal) {
+  // The consumer is only required to be present: stopping consults no grant. Refusals are
+  // masked as for start providing.
+  const auto provider = namedProviderHoldingURL(url, providerID, consumerID);
+  if (!provider) {
     if (handler) {
       replyAsync([handler, providerID] { handler(DKNotFoundError(providerID)); });
     }

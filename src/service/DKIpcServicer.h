@@ -130,6 +130,25 @@ class DKIpcServicer final : public platform::IpcExportedObject,
   void replyAsync(std::function<void()> block) const;
   // The server's store, or null when the server or the store is gone.
   std::shared_ptr<DKAccessControlStore> serverAccessControlStore() const;
+  // For start and stop providing: the provider that holds `url` and is the one named, or null
+  // when the arguments are missing or no such provider exists (refusals that the client sees
+  // only as not-found).
+  std::shared_ptr<DKExtensionProvider> namedProviderHoldingURL(
+      const std::optional<Url>& url,
+      const std::optional<std::string>& providerID,
+      const std::optional<std::string>& consumerID) const;
+  // Asks `provider` for the item's identifier, then runs `forward` if the access-control list
+  // lets the provider give that item to the consumer; `handler` gets the look-up's failure
+  // (wrapped once more) or not-permitted otherwise.
+  using Forward = std::function<void(DKExtensionProvider& provider,
+                                     const Url& url,
+                                     const ErrorHandler& handler)>;
+  void forwardIfGranted(const std::shared_ptr<DKExtensionProvider>& provider,
+                        const Url& url,
+                        const std::string& providerID,
+                        const std::string& consumerID,
+                        ErrorHandler handler,
+                        Forward forward);
 
   const std::shared_ptr<const DKServicerContext> context_;
   mutable std::mutex mutex_;
