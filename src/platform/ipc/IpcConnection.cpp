@@ -118,7 +118,18 @@ IpcConnection::IpcConnection(std::shared_ptr<IpcStream> stream,
       name_(std::move(name)),
       auditToken_(std::move(auditToken)),
       stream_(std::move(stream)),
-      queue_(DispatchQueue::createSerial("com.orvane.ipc.connection " + name_)) {}
+      queue_(DispatchQueue::createSerial("com.orvane.ipc.connection " + name_)),
+      loopReads_(role != Role::Client) {
+  if (!loopReads_) {
+    stream_->setLoopReading(false);
+  }
+}
+
+void IpcConnection::readByLoop() {
+  if (!loopReads_.exchange(true)) {
+    stream_->setLoopReading(true);
+  }
+}
 
 IpcConnection::~IpcConnection() {
   // Only reached before resume() or after closing: a resumed connection holds itself.
@@ -147,6 +158,9 @@ void IpcConnection::setExportedInterface(IpcInterface interface) {
 }
 
 void IpcConnection::setExportedObject(std::shared_ptr<IpcExportedObject> object) {
+  if (object) {
+    readByLoop();  // the peer's requests come at any time
+  }
   std::lock_guard lock(mutex_);
   if (state_ != State::Closed) {
     exportedObject_ = std::move(object);
@@ -448,15 +462,15 @@ std::optional<std::uint64_t> IpcConnection::sendRequest(
   }
 
   // A request the peer would refuse would cost the whole connection: refuse it here.
-  Result<std::vector<std::uint8_t>> frame =
-      failure(IpcError(IpcErrorCode::MessageRefused, "no remote interface is set"));
-  if (interface) {
-    if (auto fits = interface->check(request); !fits) {
-      frame = failure(fits.error());
-    } else {
-      frame = frameOf(encodeRequest(request));
+  Result<std::vector<std::uint8_t>> frame = [&]() -> Result<std::vector<std::uint8_t>> {
+    if (!interface) {
+      return failure(IpcError(IpcErrorCode::MessageRefused, "no remote interface is set"));
     }
-  }
+    if (auto fits = interface->check(request); !fits) {
+      return failure(fits.error());
+    }
+    return frameOf(encodeRequest(request));
+  }();
   if (!frame) {
     DKLogError("%s: cannot send %s: %s", description(), request.op,
                reasonText(frame.error()));
@@ -490,6 +504,9 @@ void IpcConnection::sendRequestAndReadReply(
   // Taken before sending, so that no loop thread can read the reply first: the caller would
   // then wait in poll() for a reply that has come already.
   const bool reading = stream_->takeReadSide();
+  if (!reading) {
+    readByLoop();  // someone else reads or delivers: the loop must read this reply
+  }
   const std::optional<std::uint64_t> id =
       sendRequest(proxy, std::move(selector), std::move(arguments), std::move(replyHandler));
   if (!reading) {
@@ -500,6 +517,9 @@ void IpcConnection::sendRequestAndReadReply(
     AwaitedReply* const outer = std::exchange(tAwaitedReply, &awaited);
     stream_->readHere([&awaited] { return awaited.read; }, deadline);
     tAwaitedReply = outer;
+    if (!awaited.read) {
+      readByLoop();  // gave up (deadline, paused input): the reply still has to be read
+    }
   }
   stream_->releaseReadSide();
 }

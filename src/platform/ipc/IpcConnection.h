@@ -63,6 +63,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -206,6 +207,8 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
                  const std::shared_ptr<const IpcInterface>& interface,
                  Value::Array values);
   void failCall(const std::shared_ptr<IpcRemoteProxy::State>& proxy, ErrorPtr error);
+  // From now on the loop reads this connection's input (see loopReads_). Idempotent.
+  void readByLoop();
 
   const Role role_;
   const std::string name_;
@@ -224,6 +227,12 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   std::shared_ptr<const IpcIdentityResolver> identityResolver_;
   std::uint64_t nextReplyId_ = 1;
   std::map<std::uint64_t, PendingReply> pendingReplies_;
+  // Whether the loop reads the input. A client connection starts without: as long as it only
+  // makes blocking calls, each caller reads its own reply, and the loop staying away spares
+  // two epoll_ctl calls per call. An exported object or an asynchronous call turns it on for
+  // good (and a blocking call that could not read its reply itself). A hang-up is seen either
+  // way.
+  std::atomic<bool> loopReads_;
 };
 
 }  // namespace daskel::platform

@@ -5,6 +5,9 @@
 namespace daskel::platform {
 
 void IpcRemoteProxy::call(std::string selector, Value::Array arguments, ReplyHandler replyHandler) {
+  if (replyHandler) {
+    connection_->readByLoop();  // the reply comes to the loop
+  }
   connection_->sendRequest(state_, std::move(selector), std::move(arguments),
                            std::move(replyHandler));
 }

@@ -26,14 +26,17 @@ constexpr int kReadsPerWakeup = 16;
 // Queued frames written with one sendmsg.
 constexpr std::size_t kMaxWriteBatch = 16;
 
-Result<void> makeNonblockingCloexec(int fd) {
+// Blocking, so that the holder of the read side can wait in recv() itself; the loop passes
+// MSG_DONTWAIT on every call instead.
+Result<void> makeBlockingCloexec(int fd) {
   const int flags = ::fcntl(fd, F_GETFL);
-  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+  if (flags < 0 || ((flags & O_NONBLOCK) && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0)) {
     return failure(IpcError(IpcErrorCode::ConnectionInvalid,
-                            std::string("cannot make socket nonblocking: ") + std::strerror(errno)));
+                            std::string("cannot make socket blocking: ") + std::strerror(errno)));
   }
   const int fdFlags = ::fcntl(fd, F_GETFD);
-  if (fdFlags < 0 || ::fcntl(fd, F_SETFD, fdFlags | FD_CLOEXEC) != 0) {
+  if (fdFlags < 0 ||
+      (!(fdFlags & FD_CLOEXEC) && ::fcntl(fd, F_SETFD, fdFlags | FD_CLOEXEC) != 0)) {
     return failure(IpcError(IpcErrorCode::ConnectionInvalid,
                             std::string("cannot make socket close-on-exec: ") +
                                 std::strerror(errno)));
@@ -44,7 +47,7 @@ Result<void> makeNonblockingCloexec(int fd) {
 }  // namespace
 
 Result<std::shared_ptr<IpcStream>> IpcStream::adopt(int fd) {
-  if (auto made = makeNonblockingCloexec(fd); !made) {
+  if (auto made = makeBlockingCloexec(fd); !made) {
     ::close(fd);
     return failure(made.error());
   }
@@ -125,8 +128,8 @@ void IpcStream::close() {
     reading_ = false;
     updateInterestLocked();
     if (pollingHere_) {
-      // A thread waits in poll() on it: closing now could let the number be reused under
-      // that poll. Shutting down wakes the poll; the poller closes it.
+      // A thread waits in poll() or recv() on it: closing now could let the number be
+      // reused under that wait. Shutting down wakes it; the waiting thread closes it.
       ::shutdown(fd_, SHUT_RDWR);
       closedWhilePolled_ = fd_;
     } else {
@@ -214,7 +217,22 @@ void IpcStream::readHere(const std::function<bool()>& stop,
     return;
   }
   handlers = handlers_;
+  bool canBlock = !deadline;
   while (!closed_ && reading_ && !readPaused_) {
+    if (canBlock) {
+      // No deadline: wait in recv() itself, one system call per reply.
+      canBlock = receiveBlockingLocked(lock);
+      if (closed_) {
+        return;
+      }
+      if (canBlock) {
+        drainLocked(lock, *handlers);
+        if (stop()) {
+          return;
+        }
+        continue;
+      }
+    }
     int timeoutMs = -1;
     if (deadline) {
       const auto left = *deadline - std::chrono::steady_clock::now();
@@ -252,6 +270,50 @@ void IpcStream::readHere(const std::function<bool()>& stop,
   }
 }
 
+bool IpcStream::receiveBlockingLocked(std::unique_lock<std::mutex>& lock) {
+  // Only the holder of the read side reads, so the buffer and the descriptor are safe to use
+  // without the lock; close() meanwhile shuts the socket down (which ends this recv) and
+  // leaves closing it to us.
+  std::array<std::uint8_t, kReadChunk> buffer;
+  const int fd = fd_;
+  pollingHere_ = true;
+  lock.unlock();
+  ssize_t count;
+  do {
+    count = ::recv(fd, buffer.data(), buffer.size(), 0);
+  } while (count < 0 && errno == EINTR);
+  const int error = errno;
+  lock.lock();
+  pollingHere_ = false;
+  if (closedWhilePolled_ >= 0) {
+    ::close(closedWhilePolled_);
+    closedWhilePolled_ = -1;
+  }
+  if (closed_) {
+    return true;
+  }
+  if (count < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
+    return false;
+  }
+  if (absorbLocked(count, error, buffer.data(), buffer.size())) {
+    readLocked();  // a full buffer: there may be more
+  } else {
+    finishReadLocked();
+  }
+  return true;
+}
+
+void IpcStream::setLoopReading(bool on) {
+  std::unique_lock lock(mutex_);
+  if (loopReading_ == on) {
+    return;
+  }
+  loopReading_ = on;
+  // What came while the loop did not read waits in the socket; level-triggered epoll reports
+  // it as soon as the loop reads again.
+  updateInterestLocked();
+}
+
 void IpcStream::releaseReadSide() {
   std::unique_lock lock(mutex_);
   if (!readHeld_) {
@@ -266,54 +328,63 @@ void IpcStream::releaseReadSide() {
 
 void IpcStream::readLocked() {
   std::array<std::uint8_t, kReadChunk> buffer;
-  bool ended = false;
-  for (int round = 0; round < kReadsPerWakeup && !ended; ++round) {
-    const ssize_t count = ::recv(fd_, buffer.data(), buffer.size(), 0);
-    if (count < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        break;
-      }
-      // ECONNRESET and the like: the peer went away, whatever it was in the middle of.
-      end_.emplace(End::PeerClosed, nullptr);
-      ended = true;
+  for (int round = 0; round < kReadsPerWakeup && !end_; ++round) {
+    const ssize_t count = ::recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (!absorbLocked(count, errno, buffer.data(), buffer.size())) {
       break;
-    }
-    if (count == 0) {
-      if (auto finished = reader_.finish(); !finished) {
-        end_.emplace(End::Violation, finished.error());
-      } else {
-        end_.emplace(End::PeerClosed, nullptr);
-      }
-      ended = true;
-      break;
-    }
-    if (auto appended = reader_.append({buffer.data(), static_cast<std::size_t>(count)});
-        !appended) {
-      end_.emplace(End::Violation, appended.error());
-      ended = true;
-      break;
-    }
-    for (;;) {
-      auto next = reader_.nextFrame();
-      if (!next) {
-        end_.emplace(End::Violation, next.error());
-        ended = true;
-        break;
-      }
-      if (!*next) {
-        break;
-      }
-      outstandingBytes_ += (*next)->size();
-      inbox_.push_back(std::move(**next));
-    }
-    if (static_cast<std::size_t>(count) < buffer.size()) {
-      break;  // drained; the loop reports more when it comes
     }
   }
-  if (ended) {
+  finishReadLocked();
+}
+
+bool IpcStream::absorbLocked(ssize_t count,
+                             int error,
+                             const std::uint8_t* data,
+                             std::size_t capacity) {
+  if (end_) {
+    return false;  // ended before; what follows the end is not read
+  }
+  if (count < 0) {
+    if (error == EAGAIN || error == EWOULDBLOCK) {
+      return false;
+    }
+    // ECONNRESET and the like: the peer went away, whatever it was in the middle of.
+    end_.emplace(End::PeerClosed, nullptr);
+    return false;
+  }
+  if (count == 0) {
+    if (auto finished = reader_.finish(); !finished) {
+      end_.emplace(End::Violation, finished.error());
+    } else {
+      end_.emplace(End::PeerClosed, nullptr);
+    }
+    return false;
+  }
+  if (auto appended = reader_.append({data, static_cast<std::size_t>(count)}); !appended) {
+    end_.emplace(End::Violation, appended.error());
+    return false;
+  }
+  for (;;) {
+    auto next = reader_.nextFrame();
+    if (!next) {
+      end_.emplace(End::Violation, next.error());
+      return false;
+    }
+    if (!*next) {
+      break;
+    }
+    outstandingBytes_ += (*next)->size();
+    inbox_.push_back(std::move(**next));
+  }
+  // A short read drained the socket; the loop (or the next wait) sees what comes later.
+  return static_cast<std::size_t>(count) == capacity;
+}
+
+void IpcStream::finishReadLocked() {
+  if (end_) {
     reading_ = false;
   } else if (outstandingBytes_ > kReadPauseBytes) {
     readPaused_ = true;
@@ -377,16 +448,17 @@ void IpcStream::failWritesLocked() {
 void IpcStream::updateInterestLocked() {
   std::uint32_t wanted = 0;
   if (!closed_) {
-    if (reading_ && !readPaused_ && !readHeld_) {
+    if (reading_ && !readPaused_ && !readHeld_ && loopReading_) {
       wanted |= EPOLLIN | EPOLLRDHUP;
     }
     if (writeBlocked_ && !writes_.empty()) {
       wanted |= EPOLLOUT;
     }
-    if (wanted == 0 && readHeld_ && registration_) {
-      // Lent to a caller's thread for a moment: kept registered but quiet (one-shot without
-      // events reports a hang-up at most once), which costs less than removing and adding.
-      wanted = EPOLLONESHOT;
+    if (wanted == 0 && reading_ && (readHeld_ || !loopReading_)) {
+      // Lent to a caller's thread, or read only by callers: registered but quiet. One-shot
+      // without input events reports a hang-up at most once, and it costs less than
+      // removing and adding around every call.
+      wanted = EPOLLONESHOT | EPOLLRDHUP;
     }
   }
   IoLoop& loop = IoLoop::shared();

@@ -1,5 +1,5 @@
-// IpcStream: the transport under one IpcConnection. It owns one connected, nonblocking
-// Unix-domain stream socket, cuts what arrives into frames, and writes frames whole and in
+// IpcStream: the transport under one IpcConnection. It owns one connected Unix-domain stream
+// socket, cuts what arrives into frames, and writes frames whole and in
 // the order they were queued.
 //
 // Reading runs on the IoLoop's threads after start(): every complete frame payload goes to
@@ -23,6 +23,15 @@
 // waiting thread itself instead of a loop thread that would then have to wake it. The read
 // side is only handed over when nobody delivers and nothing read waits to be delivered, so
 // frames still reach the handlers one at a time and in stream order.
+// The socket is left in blocking mode and every read and write the loop makes passes
+// MSG_DONTWAIT, so such a thread waits in recv() itself (one system call per reply, as a
+// plain blocking client would make) unless its wait has a deadline, when it polls first.
+//
+// Reading by the loop while nobody holds the read side can be turned off
+// (setLoopReading(false)): a connection that only makes blocking calls reads its replies on
+// the caller's thread anyway, and keeping the loop away from its input spares two epoll_ctl
+// calls per call. The loop still hears of a hang-up (one-shot), so a peer that goes away
+// still ends the stream while nobody reads.
 //
 // Flow control: the consumer reports with consumed() when it has dealt with the bytes of
 // frames it was given; while more than kReadPauseBytes are outstanding, reading pauses, so a
@@ -74,7 +83,7 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   static constexpr std::size_t kReadPauseBytes = 2 * kMaxFrameSize;
 
   // Takes ownership of the connected socket `fd` (closed on failure too) and makes it
-  // nonblocking and close-on-exec.
+  // blocking and close-on-exec (the loop's reads and writes never block: see above).
   static Result<std::shared_ptr<IpcStream>> adopt(int fd);
 
   ~IpcStream();
@@ -114,12 +123,25 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   // Hands reading back to the loop.
   void releaseReadSide();
 
+  // Whether the loop reads the input while nobody holds the read side (the default). While
+  // off, input waits in the socket for the next holder of the read side; a hang-up is still
+  // reported and read by the loop.
+  void setLoopReading(bool on);
+
  private:
   explicit IpcStream(int fd);
 
   void handleEvents(std::uint32_t events);
   // Reads what is available into inbox_ and, when the stream ended, end_.
   void readLocked();
+  // Takes the outcome of one recv() (`count` bytes of `data`, or -1 with `error`) into
+  // inbox_ or end_. False when reading stops here: nothing more to read now, or the end.
+  bool absorbLocked(ssize_t count, int error, const std::uint8_t* data, std::size_t capacity);
+  // For the holder of the read side: one blocking recv() without the lock. False when it
+  // could not block (the socket was made nonblocking behind the stream's back).
+  bool receiveBlockingLocked(std::unique_lock<std::mutex>& lock);
+  // After reading: notes the end or a pause and updates the loop registration.
+  void finishReadLocked();
   // Hands inbox_ and end_ to the handlers unless another thread is doing so. Called with the
   // lock held; may return with it released.
   void deliverLocked(std::unique_lock<std::mutex>& lock);
@@ -141,7 +163,8 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   bool writeFailed_ = false;
   bool delivering_ = false;   // a thread is handing out inbox_
   bool readHeld_ = false;     // a caller's thread reads and delivers (takeReadSide)
-  bool pollingHere_ = false;  // ... and waits in poll() on fd_ without the lock
+  bool loopReading_ = true;   // the loop reads while nobody holds the read side
+  bool pollingHere_ = false;  // ... and waits in poll() or recv() on fd_ without the lock
   int closedWhilePolled_ = -1;  // closed while polled: shut down, closed when the poll returns
   std::size_t outstandingBytes_ = 0;
   std::deque<std::vector<std::uint8_t>> writes_;
