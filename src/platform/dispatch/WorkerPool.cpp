@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <system_error>
+#include <utility>
 
 namespace daskel::platform {
 
@@ -12,6 +13,8 @@ namespace {
 thread_local WorkerPool* tCurrentPool = nullptr;
 // Who hears of BlockingScopes on a thread that is no worker.
 thread_local WorkerPool::BlockingObserver* tBlockingObserver = nullptr;
+// The keeper of the calling thread's next job, between JobKeeper::keep() and take().
+thread_local WorkerPool::JobKeeper* tJobKeeper = nullptr;
 
 int defaultBaseThreads() {
   const unsigned hardware = std::thread::hardware_concurrency();
@@ -28,6 +31,9 @@ struct WorkerPool::IdleWorker {
 
 WorkerPool::BlockingScope::BlockingScope()
     : pool_(tCurrentPool), observer_(tCurrentPool ? nullptr : tBlockingObserver) {
+  if (tJobKeeper) {
+    tJobKeeper->release();  // what this thread waits for may be that very job
+  }
   if (pool_) {
     pool_->threadWillBlock();
   } else if (observer_) {
@@ -41,6 +47,55 @@ WorkerPool::BlockingScope::~BlockingScope() {
   } else if (observer_) {
     observer_->threadDidUnblock();
   }
+}
+
+WorkerPool::JobKeeper::~JobKeeper() {
+  if (tJobKeeper == this) {
+    tJobKeeper = nullptr;
+  }
+  release();
+}
+
+void WorkerPool::JobKeeper::keep() {
+  tJobKeeper = this;
+}
+
+WorkerPool::Job WorkerPool::JobKeeper::take() {
+  if (tJobKeeper == this) {
+    tJobKeeper = nullptr;
+  }
+  std::lock_guard lock(mutex_);
+  pool_ = nullptr;
+  return std::move(job_);
+}
+
+void WorkerPool::JobKeeper::release(std::chrono::steady_clock::duration age) {
+  WorkerPool* pool;
+  Job job;
+  {
+    std::lock_guard lock(mutex_);
+    if (!job_ || (age > age.zero() && std::chrono::steady_clock::now() - keptAt_ < age)) {
+      return;
+    }
+    pool = std::exchange(pool_, nullptr);
+    job = std::move(job_);
+  }
+  pool->enqueue(std::move(job));
+}
+
+bool WorkerPool::JobKeeper::offer(WorkerPool* pool, Job& job) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!job_) {
+      pool_ = pool;
+      job_ = std::move(job);
+      keptAt_ = std::chrono::steady_clock::now();
+      return true;
+    }
+  }
+  // A second job: the kept one goes first, so this thread's jobs start in their order.
+  release();
+  return false;
 }
 
 void WorkerPool::observeBlockingOfThisThread(BlockingObserver* observer) {
@@ -85,6 +140,13 @@ WorkerPool::~WorkerPool() {
 }
 
 void WorkerPool::submit(Job job) {
+  if (tJobKeeper && tJobKeeper->offer(this, job)) {
+    return;
+  }
+  enqueue(std::move(job));
+}
+
+void WorkerPool::enqueue(Job job) {
   std::unique_lock lock(mutex_);
   if (stopping_) {
     lock.unlock();

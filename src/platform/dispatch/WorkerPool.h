@@ -17,6 +17,16 @@
 // Threads that are not workers but run other code that may wait (the IPC loop's threads) can
 // hear of BlockingScopes on themselves through a BlockingObserver.
 //
+// A thread that is about to be done with what it runs may keep the next job it submits for
+// itself (JobKeeper) instead of waking a worker for it: the IPC loop does so around each
+// handler, so a reply that a request handler sends through a queue goes out on the loop
+// thread as soon as the handler returns, without a thread switch. The kept job still runs
+// after its submitter has moved on, as any submitted job does. A second submission from that
+// thread submits the kept job first (submission order holds for one thread's jobs; jobs of
+// other threads may start before a kept one). The kept job goes to its pool as usual when
+// the thread enters a BlockingScope, and when its keeper's owner releases it (the loop's
+// watchdog does for a handler that takes long), so nothing waits on a busy thread.
+//
 // shared() is the process-wide pool; it lives until the process exits. Separate pools exist
 // for tests. Destroying a pool discards jobs that have not started and joins its threads
 // (waiting for running jobs), so it must not be destroyed from one of its own jobs.
@@ -81,6 +91,34 @@ class WorkerPool {
     BlockingObserver* const observer_;    // not owned; null without one
   };
 
+  // Keeps the first job the owning thread submits (to any pool) between keep() and take().
+  // Lives on its owner's stack; release() may be called from any thread.
+  class JobKeeper {
+   public:
+    JobKeeper() = default;
+    ~JobKeeper();  // submits a job still kept
+    JobKeeper(const JobKeeper&) = delete;
+    JobKeeper& operator=(const JobKeeper&) = delete;
+
+    // On the owning thread: from now on its first submission is kept here.
+    void keep();
+    // On the owning thread: stops keeping and returns the kept job, if any, for the caller
+    // to run now.
+    Job take();
+    // Submits the kept job to its pool now, if one was kept at least `age` ago.
+    void release(std::chrono::steady_clock::duration age = {});
+
+   private:
+    friend class WorkerPool;
+    // From submit() on the owning thread; false when `job` is to be submitted as usual.
+    bool offer(WorkerPool* pool, Job& job);
+
+    std::mutex mutex_;
+    WorkerPool* pool_ = nullptr;  // the kept job's pool
+    Job job_;
+    std::chrono::steady_clock::time_point keptAt_;
+  };
+
   // Makes `observer` (not owned; null to stop) hear of the calling thread's BlockingScopes.
   // For threads that are not pool workers; it must outlive its use on the thread.
   static void observeBlockingOfThisThread(BlockingObserver* observer);
@@ -100,6 +138,8 @@ class WorkerPool {
  private:
   struct IdleWorker;
 
+  // submit() without a keeper.
+  void enqueue(Job job);
   bool starvedLocked() const;
   void spawnLocked();
   void joinExitedLocked();

@@ -239,5 +239,42 @@ TEST(WorkerPool, BlockingScopeOutsideAnyPoolChangesNothing) {
   EXPECT_TRUE(onWorker);
 }
 
+TEST(JobKeeper, KeepsTheFirstJobForItsThreadAndLetsItGoWhenTheThreadWaitsOrIsDone) {
+  WorkerPool pool(WorkerPool::Options{.baseThreads = 1});
+  auto ran = std::make_shared<std::atomic<int>>(0);
+  auto job = [ran] { return [ran] { ++*ran; }; };
+
+  {  // Kept, then taken: the pool never runs it; the thread does.
+    WorkerPool::JobKeeper keeper;
+    keeper.keep();
+    pool.submit(job());
+    WorkerPool::Job kept = keeper.take();
+    ASSERT_TRUE(kept);
+    pool.submit(job());  // no longer kept: the pool runs it
+    EXPECT_TRUE(waitUntil([&] { return ran->load() == 1; }));
+    kept();
+    EXPECT_EQ(ran->load(), 2);
+  }
+  {  // A wait the pool is told of hands the kept job to the pool at once.
+    WorkerPool::JobKeeper keeper;
+    keeper.keep();
+    pool.submit(job());
+    {
+      WorkerPool::BlockingScope waiting;
+      EXPECT_TRUE(waitUntil([&] { return ran->load() == 3; }));
+    }
+    EXPECT_FALSE(keeper.take());
+  }
+  {  // release(age) lets only a job kept that long go; the keeper's end lets any go.
+    WorkerPool::JobKeeper keeper;
+    keeper.keep();
+    pool.submit(job());
+    keeper.release(std::chrono::hours(1));
+    std::this_thread::sleep_for(20ms);  // what the pool would need to run it, were it given
+    EXPECT_EQ(ran->load(), 3);
+  }
+  EXPECT_TRUE(waitUntil([&] { return ran->load() == 4; }));
+}
+
 }  // namespace
 }  // namespace daskel::platform

@@ -184,12 +184,14 @@ void IoLoop::threadMain() {
   tCurrentLoop = this;
   WorkerPool::observeBlockingOfThisThread(this);
   epoll_event events[kMaxEventsPerWait];
+  WorkerPool::JobKeeper keeper;
   std::unique_lock lock(mutex_);
+  keepers_.push_back(&keeper);
   for (;;) {
     if (!ready_.empty()) {
       const epoll_event event = ready_.front();
       ready_.pop_front();
-      dispatchLocked(lock, event);
+      dispatchLocked(lock, event, keeper);
       continue;
     }
     if (!polling_) {
@@ -224,11 +226,14 @@ void IoLoop::threadMain() {
     }
   }
   --threads_;
+  std::erase(keepers_, &keeper);
   WorkerPool::observeBlockingOfThisThread(nullptr);
   tCurrentLoop = nullptr;
 }
 
-void IoLoop::dispatchLocked(std::unique_lock<std::mutex>& lock, const epoll_event& event) {
+void IoLoop::dispatchLocked(std::unique_lock<std::mutex>& lock,
+                            const epoll_event& event,
+                            WorkerPool::JobKeeper& keeper) {
   auto found = registrations_.find(event.data.u64);
   if (found == registrations_.end()) {
     return;  // removed after the kernel reported it
@@ -255,19 +260,18 @@ void IoLoop::dispatchLocked(std::unique_lock<std::mutex>& lock, const epoll_even
     watchdogCv_.notify_one();
   }
   lock.unlock();
+  keeper.keep();
   registration->handler(event.events);
+  WorkerPool::Job kept = keeper.take();
   lock.lock();
   registration->running = false;
-  --running_;
   if (registration->removed) {
     Handler handler = std::move(registration->handler);
     lock.unlock();
     handler = nullptr;  // its captures go outside the lock, as in remove()
     registration.reset();
     lock.lock();
-    return;
-  }
-  if (registration->disarmed) {
+  } else if (registration->disarmed) {
     registration->disarmed = false;
     epoll_event armed{};
     armed.events = registration->events;
@@ -276,6 +280,15 @@ void IoLoop::dispatchLocked(std::unique_lock<std::mutex>& lock, const epoll_even
       DKLogError("Cannot watch socket %d again: %s", registration->fd, std::strerror(errno));
     }
   }
+  if (kept) {
+    // The handler's job, run here rather than by a worker woken for it. Counted as a running
+    // handler, so the watchdog hands the loop on if it takes long.
+    lock.unlock();
+    kept();
+    kept = nullptr;  // its captures go outside the lock
+    lock.lock();
+  }
+  --running_;
 }
 
 void IoLoop::watchdogMain() {
@@ -293,6 +306,10 @@ void IoLoop::watchdogMain() {
     // wait: the threads are stuck in handlers.
     if (running_ > 0 && !polling_ && started_ == started && polls_ == polls) {
       handOnLocked();
+    }
+    // A handler that has kept a job for a whole interval may be waiting for it.
+    for (WorkerPool::JobKeeper* keeper : keepers_) {
+      keeper->release(stallInterval_);
     }
   }
 }

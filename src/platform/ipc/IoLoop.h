@@ -19,6 +19,11 @@
 //   watchdog sees that nobody has waited on epoll or started a handler for `stallInterval`.
 //   An idle loop thread (or a new one, up to `maxThreads`) then takes the rest of the batch and
 //   the epoll wait. So one slow or blocked handler never stops other sockets from being served.
+// - The first job a handler submits to a worker pool (a reply sent through a dispatch queue)
+//   is kept for the handler's thread, which runs it as soon as the handler returns instead of
+//   waking a worker (WorkerPool::JobKeeper). A handler that blocks in a BlockingScope, or that
+//   the watchdog sees running for `stallInterval` after it submitted, lets the job go to its
+//   pool, so a handler that waits for its own job without saying so is only delayed.
 // - One registration's handler never runs on two threads at once. When its descriptor is
 //   reported again while its handler still runs elsewhere, the descriptor is disarmed until
 //   that handler returns and then re-armed with its current events (nothing is lost: the
@@ -49,6 +54,7 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #include "platform/dispatch/WorkerPool.h"
 #include "platform/value/Result.h"
@@ -92,7 +98,10 @@ class IoLoop final : private WorkerPool::BlockingObserver {
   void threadMain();
   void watchdogMain();
   // Runs the handler of `event` unless it runs elsewhere; called and returns with the lock.
-  void dispatchLocked(std::unique_lock<std::mutex>& lock, const epoll_event& event);
+  // `keeper` is the calling thread's, for the handler's first pool job.
+  void dispatchLocked(std::unique_lock<std::mutex>& lock,
+                      const epoll_event& event,
+                      WorkerPool::JobKeeper& keeper);
   // Makes sure some loop thread other than the busy ones takes over the epoll wait.
   void handOnLocked();
   // Gets a second thread going on a batch of several ready sockets.
@@ -112,6 +121,7 @@ class IoLoop final : private WorkerPool::BlockingObserver {
   RegistrationId nextId_ = 1;
   std::unordered_map<RegistrationId, std::shared_ptr<Registration>> registrations_;
   std::deque<epoll_event> ready_;  // reported by the kernel, not yet handled
+  std::vector<WorkerPool::JobKeeper*> keepers_;  // one per loop thread, on its stack
   bool polling_ = false;           // a thread waits in epoll_wait
   int threads_ = 0;
   int idle_ = 0;

@@ -1,7 +1,9 @@
 // IoLoop with real socketpairs on the process-wide loop: handlers that block (announced or
 // not) do not stop other descriptors, one registration's handler never runs on two threads at
 // once and is re-armed after it returns, and a registration removed while its handler runs
-// is released when the handler returns and is not called again.
+// is released when the handler returns and is not called again. A handler's first pool job
+// runs on the handler's thread once the handler has returned, and a handler that waits for
+// that job without saying so still gets it run.
 #include "platform/ipc/IoLoop.h"
 
 #include <sys/epoll.h>
@@ -11,6 +13,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -189,6 +192,85 @@ TEST(IoLoop, ARegistrationRemovedWhileItsHandlerRunsIsReleasedWhenItReturnsAndNo
   ASSERT_TRUE(reads->waitForCount(1));
   EXPECT_EQ(calls->load(), 1);
   IoLoop::shared().remove(otherId, other.watched());
+}
+
+TEST(IoLoop, AHandlersFirstPoolJobRunsOnItsThreadAfterItReturnsAndLaterOnesInOrder) {
+  WorkerPool pool(WorkerPool::Options{.baseThreads = 1});
+  Pipe pipe;
+  struct Probe {
+    std::atomic<bool> handlerReturned{false};
+    std::thread::id handlerThread;
+    std::thread::id firstJobThread;
+    bool firstJobSawHandlerReturn = false;
+    std::vector<int> order;  // jobs run one at a time (one pool thread, then the handler's)
+    std::mutex mutex;
+    TestLatch done{3};
+  };
+  auto probe = std::make_shared<Probe>();
+  auto record = [probe](int job) {
+    std::lock_guard lock(probe->mutex);
+    probe->order.push_back(job);
+  };
+  auto id = IoLoop::shared().add(pipe.watched(), EPOLLIN, [&pool, fd = pipe.watched(), probe, record](std::uint32_t) {
+    drain(fd);
+    probe->handlerThread = std::this_thread::get_id();
+    pool.submit([probe, record] {
+      probe->firstJobThread = std::this_thread::get_id();
+      probe->firstJobSawHandlerReturn = probe->handlerReturned;
+      record(1);
+      probe->done.countDown();
+    });
+    probe->handlerReturned = true;
+  });
+  ASSERT_TRUE(id);
+  pipe.write("x");
+  ASSERT_TRUE(waitUntil([&] { return probe->handlerReturned.load(); }, kDeadline));
+  IoLoop::shared().remove(*id, pipe.watched());
+
+  // Two jobs from one handler: the first must not be overtaken by the second.
+  Pipe second;
+  auto secondId = IoLoop::shared().add(second.watched(), EPOLLIN, [&pool, fd = second.watched(), probe, record](std::uint32_t) {
+    drain(fd);
+    pool.submit([probe, record] { record(2); probe->done.countDown(); });
+    pool.submit([probe, record] { record(3); probe->done.countDown(); });
+  });
+  ASSERT_TRUE(secondId);
+  second.write("y");
+  ASSERT_TRUE(probe->done.waitFor());
+  IoLoop::shared().remove(*secondId, second.watched());
+
+  std::lock_guard lock(probe->mutex);
+  EXPECT_EQ(probe->firstJobThread, probe->handlerThread);
+  EXPECT_TRUE(probe->firstJobSawHandlerReturn) << "the kept job ran before its handler returned";
+  EXPECT_EQ(probe->order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(IoLoop, AHandlerWaitingForItsOwnPoolJobWithoutSayingSoIsNotDeadlocked) {
+  // Waiting on a latch is invisible to the pool and the loop: only the watchdog can let the
+  // kept job go to a worker. Announced, the wait lets it go at once.
+  for (const bool announced : {false, true}) {
+    SCOPED_TRACE(announced ? "announced wait" : "unannounced wait");
+    Pipe pipe;
+    auto ran = std::make_shared<TestLatch>(1);
+    auto result = std::make_shared<std::atomic<int>>(0);  // 1: the job ran in time, 2: not
+    auto id = IoLoop::shared().add(pipe.watched(), EPOLLIN, [fd = pipe.watched(), ran, result, announced](std::uint32_t) {
+      drain(fd);
+      WorkerPool::shared().submit([ran] { ran->countDown(); });
+      bool inTime;
+      if (announced) {
+        WorkerPool::BlockingScope waiting;
+        inTime = ran->waitFor(kDeadline);
+      } else {
+        inTime = ran->waitFor(kDeadline);
+      }
+      *result = inTime ? 1 : 2;
+    });
+    ASSERT_TRUE(id);
+    pipe.write("x");
+    ASSERT_TRUE(waitUntil([&] { return result->load() != 0; }, 2 * kDeadline));
+    EXPECT_EQ(result->load(), 1);
+    IoLoop::shared().remove(*id, pipe.watched());
+  }
 }
 
 }  // namespace
