@@ -31,6 +31,10 @@ std::string withoutTrailingSlash(std::string path) {
   return path;
 }
 
+bool isEarlier(const timespec& a, const timespec& b) {
+  return a.tv_sec < b.tv_sec || (a.tv_sec == b.tv_sec && a.tv_nsec < b.tv_nsec);
+}
+
 bool writeAll(int fd, const char* bytes, std::size_t size) {
   while (size > 0) {
     const ssize_t n = ::write(fd, bytes, size);
@@ -220,8 +224,10 @@ void LocalFolderProvider::providePlaceholder(const Url& url,
       {"ModificationDate", Value(static_cast<double>(status.st_mtim.tv_sec) +
                                  static_cast<double>(status.st_mtim.tv_nsec) / 1e9)},
   });
+  // A folder of the source folder needs no stand-in: opening a directory is never held.
   auto written =
-      writePlaceholderFile(*placeholder, platform::serializeXmlPropertyList(description));
+      writePlaceholderFile(*placeholder, platform::serializeXmlPropertyList(description),
+                           S_ISDIR(status.st_mode) ? StandIn::None : StandIn::CreateIfAbsent);
   if (!written) {
     completion(std::nullopt, written.error());
     return;
@@ -235,6 +241,15 @@ void LocalFolderProvider::startProviding(const Url& url, sdk::ItemCompletion com
     completion(item.error());
     return;
   }
+  // A copy that is present and not older than its source file is kept: it may hold edits
+  // that are on their way back. A stand-in is no copy.
+  struct stat copy;
+  struct stat source;
+  if (::lstat(item->storagePath.c_str(), &copy) == 0 && S_ISREG(copy.st_mode) && !isStandIn(url) &&
+      ::stat(item->sourcePath.c_str(), &source) == 0 && !isEarlier(copy.st_mtim, source.st_mtim)) {
+    completion(nullptr);
+    return;
+  }
   auto copied = copyFileAtomically(item->sourcePath, item->storagePath);
   completion(copied ? nullptr : copied.error());
 }
@@ -245,11 +260,9 @@ void LocalFolderProvider::stopProviding(const Url& url, sdk::ItemCompletion comp
     completion(item.error());
     return;
   }
-  if (::unlink(item->storagePath.c_str()) != 0 && errno != ENOENT) {
-    completion(posixError(errno, "Could not evict", item->storagePath));
-    return;
-  }
-  completion(nullptr);
+  // The copy gives way to a stand-in, so that a plain open() can fetch the item again.
+  auto evicted = evictToStandIn(url);
+  completion(evicted ? nullptr : evicted.error());
 }
 
 void LocalFolderProvider::itemChanged(const Url& url, sdk::ItemCompletion completion) {

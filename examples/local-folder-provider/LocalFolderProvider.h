@@ -5,10 +5,13 @@
 // too.
 //
 //   providePlaceholder  writes ".<name>" beside the item: an XML property list with the
-//                       item's Name, Size (bytes) and ModificationDate (seconds since 1970)
+//                       item's Name, Size (bytes) and ModificationDate (seconds since 1970);
+//                       the SDK adds an empty stand-in at the item's path if nothing is there
 //   startProviding      copies the source file into the storage directory (temporary file +
-//                       rename, so a reader never sees half a copy)
-//   stopProviding       evicts the item: removes the storage copy, never the source
+//                       rename, so a reader never sees half a copy), unless a copy is present
+//                       that is not older than the source file; a stand-in is not present
+//   stopProviding       evicts the item: replaces the storage copy by a stand-in (so a plain
+//                       open() fetches it again), never touching the source
 //   itemChanged         copies the storage copy back over the source file, the same way
 //
 // Where the source folder is: the Info.plist key "LocalFolderSourceDirectory", an absolute

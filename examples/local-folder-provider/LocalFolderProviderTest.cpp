@@ -1,5 +1,6 @@
 #include "LocalFolderProvider.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,6 +39,12 @@ void write(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
+// Sets the modification (and access) time of `path` to `seconds` after 1970.
+void setModificationTime(const std::string& path, time_t seconds) {
+  const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+}
+
 class LocalFolderProviderTest : public ::testing::Test {
  protected:
   LocalFolderProviderTest() : provider(tree.directory("source")) {
@@ -58,6 +65,9 @@ class LocalFolderProviderTest : public ::testing::Test {
   }
   Value item(const std::string& relative) const {
     return Value(*sdk::Url::fileUrlWithPath(storage(relative), false));
+  }
+  bool isStandIn(const std::string& relative) const {
+    return sdk::ProviderExtension::isStandIn(*sdk::Url::fileUrlWithPath(storage(relative), false));
   }
   // The error of a reply whose only value is an error.
   platform::ErrorPtr errorOf(const char* selector, const std::string& relative) {
@@ -81,9 +91,57 @@ TEST_F(LocalFolderProviderTest, StartProvidingCopiesTheItemInAndStopProvidingEvi
   EXPECT_EQ(status.st_mode & 0777, 0640u);
 
   EXPECT_FALSE(errorOf(S::kStopProviding, "notes/a b.txt"));
-  EXPECT_FALSE(fs::exists(storage("notes/a b.txt")));
+  EXPECT_TRUE(isStandIn("notes/a b.txt")) << "the copy did not give way to a stand-in";
+  EXPECT_EQ(contents(storage("notes/a b.txt")), "");
   EXPECT_EQ(contents(source("notes/a b.txt")), "hello");
   EXPECT_FALSE(errorOf(S::kStopProviding, "notes/a b.txt")) << "evicting twice is no error";
+}
+
+TEST_F(LocalFolderProviderTest, AnEvictedItemIsFetchedAgainWithWhatTheSourceHoldsNow) {
+  ASSERT_FALSE(errorOf(S::kStartProviding, "notes/a b.txt"));
+  ASSERT_FALSE(errorOf(S::kStopProviding, "notes/a b.txt"));
+  write(source("notes/a b.txt"), "hello again");
+  // The stand-in is newer than the source file, and is still no copy.
+  setModificationTime(storage("notes/a b.txt"), 2'000'000'000);
+  setModificationTime(source("notes/a b.txt"), 1'000'000'000);
+  EXPECT_FALSE(errorOf(S::kStartProviding, "notes/a b.txt"));
+  EXPECT_EQ(contents(storage("notes/a b.txt")), "hello again");
+  EXPECT_FALSE(isStandIn("notes/a b.txt"));
+}
+
+TEST_F(LocalFolderProviderTest, StartProvidingKeepsACopyAsNewAsItsSourceAndRefreshesAnOlderOne) {
+  ASSERT_FALSE(errorOf(S::kStartProviding, "notes/a b.txt"));
+  write(storage("notes/a b.txt"), "edited here");
+  setModificationTime(source("notes/a b.txt"), 1'000'000'000);
+  setModificationTime(storage("notes/a b.txt"), 1'000'000'000);
+  EXPECT_FALSE(errorOf(S::kStartProviding, "notes/a b.txt"));
+  EXPECT_EQ(contents(storage("notes/a b.txt")), "edited here") << "a current copy was replaced";
+
+  write(source("notes/a b.txt"), "edited at the source");
+  setModificationTime(source("notes/a b.txt"), 1'000'000'001);
+  EXPECT_FALSE(errorOf(S::kStartProviding, "notes/a b.txt"));
+  EXPECT_EQ(contents(storage("notes/a b.txt")), "edited at the source");
+
+  // An empty document is a copy like any other, told from a stand-in by the SDK's mark.
+  write(source("notes/empty.txt"), "");
+  ASSERT_FALSE(errorOf(S::kStartProviding, "notes/empty.txt"));
+  EXPECT_TRUE(fs::is_regular_file(storage("notes/empty.txt")));
+  EXPECT_FALSE(isStandIn("notes/empty.txt"));
+}
+
+TEST_F(LocalFolderProviderTest, APlaceholderBringsAStandInForAFileButNotForAFolder) {
+  fs::create_directories(source("notes/archive"));
+  auto file = ExtensionHarness::call(request, S::kProvidePlaceholder, {item("notes/a b.txt")});
+  ASSERT_TRUE(file && file->at(1).isNull());
+  EXPECT_TRUE(isStandIn("notes/a b.txt"));
+  auto folder = ExtensionHarness::call(request, S::kProvidePlaceholder, {item("notes/archive")});
+  ASSERT_TRUE(folder && folder->at(1).isNull()) << folder->at(1).description();
+  EXPECT_TRUE(fs::exists(storage("notes/.archive")));
+  EXPECT_FALSE(fs::exists(storage("notes/archive")));
+
+  // The stand-in is fetched like a missing item.
+  EXPECT_FALSE(errorOf(S::kStartProviding, "notes/a b.txt"));
+  EXPECT_EQ(contents(storage("notes/a b.txt")), "hello");
 }
 
 TEST_F(LocalFolderProviderTest, ItemChangedWritesTheStorageCopyBackWithoutLeavingTemporaries) {

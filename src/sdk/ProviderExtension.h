@@ -17,7 +17,9 @@
 //   operation              completion arguments       default
 //   performInitialSetup    (error)                    success
 //   providePlaceholder     (placeholder URL, error)   writes a small file at
-//                                                     placeholderUrlForItem(url) and replies with it
+//                                                     placeholderUrlForItem(url) (and a stand-in
+//                                                     at the item's path, see below) and
+//                                                     replies with it
 //   startProviding         (error)                    none: every provider implements it
 //   stopProviding          (error)                    success
 //   itemChanged            (error)                    success
@@ -25,6 +27,21 @@
 //                                                     directory (itemIdentifierForUrl)
 //   urlForItemIdentifier   (error, URL)               storage directory + identifier
 //                                                     (urlForItemIdentifier)
+//
+// Stand-ins: where the daemon may use fanotify, a plain open() of an item by any program makes
+// the provider provide it first, but only when there is a file at the item's path: an open
+// of a name with nothing at it fails with ENOENT before the daemon hears of it. An item that
+// is not present therefore keeps an empty file at its path, a stand-in, marked as such with
+// the extended attribute kStandInAttribute ("user.daskel.stand-in"). The SDK makes them:
+// writePlaceholderFile creates one beside each placeholder it writes when nothing is at the
+// item's path (never clobbering what is there), and evictToStandIn, for stopProviding,
+// replaces provided contents by one. startProviding should fetch an item whose path holds a
+// stand-in (isStandIn) as it fetches a missing one. A provider that writes fetched contents
+// into the stand-in in place, rather than renaming a new file over it, should remove the
+// attribute; an empty file with the attribute is taken for a stand-in. On a file system that
+// refuses user extended attributes (ENOTSUP) stand-ins cannot be marked, and there every
+// empty regular file counts as a stand-in, so an empty document is fetched again on each
+// startProviding.
 //
 // Initial set-up: before the author's performInitialSetup runs, the SDK creates the storage
 // directory (<group container>/Daskel Storage/, mode 0700); when that fails the author's code
@@ -106,10 +123,39 @@ class ProviderExtension {
   // the item's name ("…/a/.b.txt" for "…/a/b.txt"). The item must be inside the storage
   // directory.
   platform::Result<Url> placeholderUrlForItem(const Url& url) const;
-  // Writes `bytes` atomically at `placeholderUrl`, creating missing parent directories.
-  // Errors: SdkError::StorageUnavailable with the path and errno text.
+  // What writePlaceholderFile does at the path of the item the placeholder describes.
+  enum class StandIn {
+    // Creates an empty stand-in there when nothing is there (a file, a directory, a link).
+    CreateIfAbsent,
+    // Leaves the item's path alone: for items that are directories, which need none.
+    None,
+  };
+  // Writes `bytes` atomically at `placeholderUrl`, creating missing parent directories, and,
+  // when the placeholder's name is "." + the item's name (as placeholderUrlForItem makes it)
+  // and `standIn` says so, a stand-in at the item's path (mode 0644). The stand-in is made
+  // whole and marked before it appears, and is moved into place only while the name is free,
+  // so nothing already there is ever replaced.
+  // Errors: SdkError::StorageUnavailable with the path and errno text, for the placeholder or
+  // the stand-in (the placeholder is written even when the stand-in then fails).
   static platform::Result<void> writePlaceholderFile(const Url& placeholderUrl,
-                                                     const std::string& bytes);
+                                                     const std::string& bytes,
+                                                     StandIn standIn = StandIn::CreateIfAbsent);
+
+  // The extended attribute that marks a stand-in (its value is empty).
+  static constexpr char kStandInAttribute[] = "user.daskel.stand-in";
+  // Whether the file at `url` is a stand-in rather than provided contents: an empty regular
+  // file (a symbolic link never is one) carrying kStandInAttribute, or any empty regular file
+  // on a file system that refuses user extended attributes. False when nothing is there.
+  // Opens nothing, so it is not held by file coordination.
+  static bool isStandIn(const Url& url);
+  // Evicts the item at `url`: replaces whatever file is there (or nothing) by an empty
+  // stand-in, in one rename of a temporary ".<name>.stand-in-XXXXXX" file, so a reader sees
+  // the old contents or the stand-in, and the item stays fetchable by a plain open(). The
+  // stand-in keeps the permission bits of the file it replaces (0644 otherwise). A stand-in
+  // already there is left as it is. Refused (SdkError::InvalidItem) for URLs without an
+  // identifier (itemIdentifierForUrl) and for directories.
+  // Errors: SdkError::StorageUnavailable with the path and errno text.
+  platform::Result<void> evictToStandIn(const Url& url) const;
 
  private:
   std::optional<ExtensionContext> context_;

@@ -40,6 +40,7 @@ using testing::ScriptedExtensionBundle;
 constexpr char kLocalFolder[] = "com.example.daskel.local-folder-provider";
 constexpr char kLocalFolderGroup[] = "group.com.example.daskel.local-folder";
 constexpr char kReaderBundle[] = "org.e2e.coordinating-reader";
+constexpr char kConsumerBundle[] = "org.e2e.placeholder-consumer";
 constexpr auto kDeadline = 30s;
 
 std::string fileUrl(const std::string& path) {
@@ -97,6 +98,7 @@ class FileCoordination : public ::testing::Test {
     std::ofstream(staged + "/Source/Report.md") << "# Quarterly report\n";
     std::ofstream(staged + "/Source/Minutes.txt") << "Present: everybody\n";
     std::ofstream(staged + "/Source/Plan.txt") << "1. coordinate\n2. read\n";
+    std::ofstream(staged + "/Source/Agenda.txt") << "1. stand-ins\n";
     fs::rename(staged, daemon_->extensionsDirectory() + "/local-folder-provider.dkext", ec);
     if (ec) {
       return "cannot install the local-folder provider: " + ec.message();
@@ -136,7 +138,12 @@ class FileCoordination : public ::testing::Test {
     reader_ = daemon_->addClient("reader", std::string(kReaderBundle), {},
                                  DaemonFixture::kDaskelctl, &error);
     stranger_ = daemon_->addClient("stranger", std::nullopt, {}, DaemonFixture::kDaskelctl, &error);
-    if (reader_.empty() || stranger_.empty()) {
+    const platform::Value yes(true);
+    consumer_ = daemon_->addClient(
+        "consumer", std::string(kConsumerBundle),
+        {{"com.orvane.daskel.acl-read", yes}, {"com.orvane.daskel.acl-write", yes}},
+        DaemonFixture::kDaskelctl, &error);
+    if (reader_.empty() || stranger_.empty() || consumer_.empty()) {
       return error;
     }
     if (!daemon_->startServing("global=7 console=7 file=7", &error)) {
@@ -173,7 +180,7 @@ class FileCoordination : public ::testing::Test {
 
   static inline DaemonFixture* daemon_ = nullptr;
   static inline std::string setUpError_;
-  static inline std::string reader_, stranger_;
+  static inline std::string reader_, stranger_, consumer_;
   static inline std::string localStorage_;
   static inline std::string alphaBundle_, betaBundle_, refusingBundle_, silentBundle_;
   static inline std::string alphaStorage_, betaStorage_, refusingStorage_, silentStorage_;
@@ -225,6 +232,25 @@ TEST_F(FileCoordination, CoordinateReadMakesTheItemPresentAndPrintsNothing) {
             std::string::npos)
       << daemon_->logSince(offset);
   EXPECT_EQ(readFile(item), "Present: everybody\n");
+}
+
+TEST_F(FileCoordination, ReadOfAnItemWhosePlaceholderLeftAStandInFetchesItsContents) {
+  const std::string item = localStorage_ + "/Agenda.txt";
+  // A consumer asks for the placeholder; the provider leaves an empty stand-in at the item.
+  for (const char* command : {"extend-sandbox", "provide-placeholder"}) {
+    const ClientResult result =
+        ctl(consumer_, {command, item, "--provider", kLocalFolder, "--consumer", kConsumerBundle});
+    ASSERT_EQ(result.exitStatus, 0)
+        << command << ": " << result.standardOutput << result.standardError;
+  }
+  ASSERT_TRUE(fs::exists(item));
+  ASSERT_EQ(fs::file_size(item), 0u);
+
+  // The stand-in is not taken for the document: the read has it fetched.
+  const ClientResult result = ctl(reader_, {"read", item});
+  EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+  EXPECT_EQ(result.standardOutput, "1. stand-ins\n");
+  EXPECT_EQ(readFile(item), "1. stand-ins\n");
 }
 
 TEST_F(FileCoordination, AnItemTheProviderCannotNameIsNeverStartedAndTheReaderGetsTheError) {
