@@ -5,17 +5,23 @@
 //
 // The daemon runs once for the suite, with the bound shortened to a few seconds through
 // DASKEL_COORDINATION_TIMEOUT_SECONDS; the DaemonFixture lays out the installation and runs
-// the reader processes. Every storage item a reader opens exists beforehand (an empty
-// stand-in): fanotify only sees opens of files that exist.
+// the reader processes. fanotify only sees opens of files that exist: the local-folder items
+// get their empty stand-ins from the system, through a consumer (a daskelctl copy) asking
+// the daemon for their placeholders, or from an eviction; the scripted extensions' items are
+// plain files the suite puts there, copies already present as far as opening them goes.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -37,6 +43,10 @@ using namespace std::chrono_literals;
 constexpr char kLocalFolder[] = "com.example.daskel.local-folder-provider";
 constexpr char kLocalFolderGroup[] = "group.com.example.daskel.local-folder";
 constexpr char kBoundSeconds[] = "3";
+// The application the consumer (a daskelctl copy) and the viewer (a copy of cat) are.
+constexpr char kConsumer[] = "org.e2e.transparent.consumer";
+constexpr char kViewer[] = "org.e2e.transparent.viewer";
+constexpr char kStandInAttribute[] = "user.daskel.stand-in";
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -108,6 +118,14 @@ bool fanotifyPermissionEventsAvailable() {
   return true;
 }
 
+// Whether `path` is an empty regular file carrying the stand-in mark. Looked at without
+// opening it: an open by this process would be coordinated too.
+bool isMarkedStandIn(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0 &&
+         ::lgetxattr(path.c_str(), kStandInAttribute, nullptr, 0) >= 0;
+}
+
 class TransparentCoordinationEndToEnd : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -175,15 +193,28 @@ class TransparentCoordinationEndToEnd : public ::testing::Test {
                   (staged + "/local-folder-provider").c_str()) != 0)
       return "cannot link the local-folder provider";
     std::ofstream(staged + "/Source/Report.md") << "# Quarterly report\n";
+    std::ofstream(staged + "/Source/Minutes.txt") << "Present: everybody\n";
     localFolderSource_ = installation.extensionsDirectory() + "/local-folder-provider.dkext/Source";
     fs::rename(staged, installation.extensionsDirectory() + "/local-folder-provider.dkext");
     storage_["local-folder"] = installation.storageDirectory(kLocalFolderGroup);
 
-    // Stand-ins: the items exist, empty, before anything was provided.
+    // Every storage directory exists before the daemon starts watching. The local-folder
+    // provider's is left empty: its items get their stand-ins from the system.
     for (const auto& [name, storage] : storage_) {
       fs::create_directories(storage);
-      std::ofstream(storage + "/" + (name == "local-folder" ? "Report.md" : "item.txt"));
+      if (name != "local-folder")
+        std::ofstream(storage + "/item.txt");
     }
+    std::ofstream(storage_.at("plain") + "/viewed.txt") << "viewed\n";
+
+    const platform::Value yes(true);
+    consumer_ = installation.addClient(
+        "consumer", std::string(kConsumer),
+        {{"com.orvane.daskel.acl-read", yes}, {"com.orvane.daskel.acl-write", yes}},
+        DaemonFixture::kDaskelctl, &error);
+    viewer_ = installation.addClient("viewer", std::string(kViewer), {}, "/bin/cat", &error);
+    if (consumer_.empty() || viewer_.empty())
+      return error;
 
     logPath_ = installation.root() + "/daskeld-transparent.log";
     SpawnedProcess::Options options;
@@ -288,6 +319,28 @@ class TransparentCoordinationEndToEnd : public ::testing::Test {
     return installation_->run("/bin/cat", {path}, deadline);
   }
 
+  // The consumer (daskelctl) runs `command` on the local-folder item `path`, as a document
+  // consumer would: "extend-sandbox", "provide-placeholder", "stop-providing".
+  static ClientResult consume(const std::string& command, const std::string& path) {
+    return installation_->run(consumer_, {"--timeout", "30", command, path, "--provider",
+                                          kLocalFolder, "--consumer", kConsumer});
+  }
+  // Grants the consumer the item and asks the daemon for its placeholder; "" when both
+  // worked, else what failed.
+  static std::string grantAndAskForPlaceholder(const std::string& path) {
+    for (const char* command : {"extend-sandbox", "provide-placeholder"}) {
+      const ClientResult result = consume(command, path);
+      if (result.exitStatus != 0) {
+        return std::string(command) + " failed (" + std::to_string(result.exitStatus) +
+               "): " + result.standardOutput + result.standardError;
+      }
+    }
+    return {};
+  }
+  static std::string consumerOf(const std::string& path, const std::string& reader) {
+    return "requested us to provide item at URL " + fileUrl(path) + " for consumer " + reader;
+  }
+
   static inline DaemonFixture* installation_ = nullptr;
   static inline std::string setUpError_;
   static inline std::optional<SpawnedProcess> daemon_;
@@ -295,29 +348,76 @@ class TransparentCoordinationEndToEnd : public ::testing::Test {
   static inline std::map<std::string, std::string> bundles_;
   static inline std::map<std::string, std::string> storage_;
   static inline std::string localFolderSource_;
+  static inline std::string consumer_;
+  static inline std::string viewer_;
   std::size_t logStart_ = 0;
 };
 
 TEST_F(TransparentCoordinationEndToEnd, APlainReadOfAnItemNotYetProvidedReturnsWhatTheProviderFetched) {
   const std::string item = storage_.at("local-folder") + "/Report.md";
-  // Looked at without opening it: an open by this process would be coordinated too.
-  ASSERT_EQ(fs::file_size(item), 0u) << "the stand-in is not empty to begin with";
+  ASSERT_FALSE(fs::exists(item)) << "nothing is at the item's path before the placeholder";
+  // A consumer asks for the placeholder; the provider's SDK puts a stand-in beside it.
+  ASSERT_EQ(grantAndAskForPlaceholder(item), "");
+  EXPECT_TRUE(fs::exists(storage_.at("local-folder") + "/.Report.md"));
+  ASSERT_TRUE(isMarkedStandIn(item)) << "no stand-in at " << item;
 
   const ClientResult reader = cat(item);
   EXPECT_EQ(reader.exitStatus, 0) << reader.standardError << "\n" << logSinceStart();
   EXPECT_EQ(reader.standardOutput, "# Quarterly report\n");
-  // The daemon asked the provider on the reader's behalf, naming the reader.
-  EXPECT_NE(logSinceStart().find("requested us to provide item at URL " + fileUrl(item) +
-                                 " for consumer pid " + std::to_string(reader.pid)),
+  // The daemon asked the provider on the reader's behalf, naming the reader by its
+  // executable (no manifest lists cat).
+  const std::string named =
+      "pid " + std::to_string(reader.pid) + " (" + fs::canonical("/bin/cat").string() + ")";
+  EXPECT_NE(logSinceStart().find(consumerOf(item, named)), std::string::npos) << logSinceStart();
+  EXPECT_FALSE(isMarkedStandIn(item));
+}
+
+TEST_F(TransparentCoordinationEndToEnd, AnItemEvictedByStopProvidingIsFetchedAgainByAPlainRead) {
+  const std::string item = storage_.at("local-folder") + "/Minutes.txt";
+  ASSERT_EQ(grantAndAskForPlaceholder(item), "");
+  const ClientResult first = cat(item);
+  ASSERT_EQ(first.exitStatus, 0) << first.standardError << "\n" << logSinceStart();
+  ASSERT_EQ(first.standardOutput, "Present: everybody\n");
+
+  // Changed at the source, then evicted: what is left is a stand-in, not the old copy.
+  std::ofstream(localFolderSource_ + "/Minutes.txt", std::ios::trunc) << "Present: nobody\n";
+  const ClientResult stopped = consume("stop-providing", item);
+  ASSERT_EQ(stopped.exitStatus, 0) << stopped.standardOutput << stopped.standardError;
+  EXPECT_TRUE(isMarkedStandIn(item)) << "stop providing left no stand-in at " << item;
+
+  const ClientResult second = cat(item);
+  EXPECT_EQ(second.exitStatus, 0) << second.standardError << "\n" << logSinceStart();
+  EXPECT_EQ(second.standardOutput, "Present: nobody\n");
+  EXPECT_NE(logSinceStart().find(consumerOf(item, "pid " + std::to_string(second.pid))),
             std::string::npos)
       << logSinceStart();
 }
 
-TEST_F(TransparentCoordinationEndToEnd, AnItemTheExtensionCannotNameIsRefusedWithEPERMAndNeverStarted) {
+TEST_F(TransparentCoordinationEndToEnd,
+       AReaderThatIsARegisteredApplicationIsNamedByItsBundleIdentifier) {
+  const std::string item = storage_.at("plain") + "/viewed.txt";
+  const ClientResult reader = installation_->run(viewer_, {item});
+  EXPECT_EQ(reader.exitStatus, 0) << reader.standardError << "\n" << logSinceStart();
+  EXPECT_EQ(reader.standardOutput, "viewed\n");
+  EXPECT_NE(logSinceStart().find(
+                consumerOf(item, "pid " + std::to_string(reader.pid) + " (" + kViewer + ")")),
+            std::string::npos)
+      << logSinceStart();
+}
+
+// What a reader whose open the daemon denied with `error` prints: that errno's text, or
+// EPERM's when the daemon has said that this kernel cannot give a denial a reason.
+std::string refusalText(const std::string& daemonLog, int error) {
+  const bool withReason =
+      daemonLog.find("cannot give a refused open a reason") == std::string::npos;
+  return std::strerror(withReason ? error : EPERM);
+}
+
+TEST_F(TransparentCoordinationEndToEnd, AnItemTheExtensionCannotNameIsRefusedWithEIOAndNeverStarted) {
   const std::string item = storage_.at("refusing") + "/item.txt";
   const ClientResult reader = cat(item);
   EXPECT_EQ(reader.exitStatus, 1);
-  EXPECT_NE(reader.standardError.find("Operation not permitted"), std::string::npos)
+  EXPECT_NE(reader.standardError.find(refusalText(readFile(logPath_), EIO)), std::string::npos)
       << reader.standardError;
   EXPECT_TRUE(called("refusing", "identifierForItem " + fileUrl(item)))
       << ::testing::PrintToString(calls("refusing"));
@@ -348,7 +448,7 @@ TEST_F(TransparentCoordinationEndToEnd, AProviderThatCrashesFailsTheOpenAtOnceRa
   const std::string item = storage_.at("crashing") + "/item.txt";
   const ClientResult reader = cat(item);
   EXPECT_EQ(reader.exitStatus, 1) << "the open hung";
-  EXPECT_NE(reader.standardError.find("Operation not permitted"), std::string::npos)
+  EXPECT_NE(reader.standardError.find(refusalText(readFile(logPath_), EIO)), std::string::npos)
       << reader.standardError;
   EXPECT_TRUE(called("crashing", "startProviding " + fileUrl(item)));
   // Denied for the provider's error, not by the bound.
@@ -364,7 +464,7 @@ TEST_F(TransparentCoordinationEndToEnd, AProviderThatNeverAnswersFailsTheOpenAtT
   const std::string item = storage_.at("silent") + "/item.txt";
   const ClientResult reader = cat(item);
   EXPECT_EQ(reader.exitStatus, 1) << "the open was not denied at the bound";
-  EXPECT_NE(reader.standardError.find("Operation not permitted"), std::string::npos)
+  EXPECT_NE(reader.standardError.find(refusalText(readFile(logPath_), EAGAIN)), std::string::npos)
       << reader.standardError;
   EXPECT_TRUE(called("silent", "startProviding " + fileUrl(item)));
   const std::string line = "com.example.transparent.silent did not provide " + item + " to pid " +

@@ -15,6 +15,10 @@
 #include <filesystem>
 
 #include "platform/coordination/TransparentCoordinationMounts.h"
+#include "platform/identity/AuditToken.h"
+#include "platform/identity/ApplicationRegistry.h"
+#include "platform/identity/ProcessAncestry.h"
+#include "platform/identity/ProcessInfo.h"
 #include "platform/log/Log.h"
 
 namespace daskel::platform {
@@ -35,15 +39,11 @@ std::string pathOfDescriptor(int fd) {
   return std::string(buffer, static_cast<std::size_t>(length));
 }
 
-// "pid 1234 (/usr/bin/cat)": the reader or writer identifier handed to providers.
-std::string describeProcess(pid_t pid) {
-  char buffer[PATH_MAX];
-  const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-  const ssize_t length = ::readlink(link.c_str(), buffer, sizeof buffer - 1);
-  std::string text = "pid " + std::to_string(pid);
-  if (length > 0)
-    text += " (" + std::string(buffer, static_cast<std::size_t>(length)) + ")";
-  return text;
+// The executable `pid` runs, "" when it cannot be read (the process is gone). A readlink
+// in /proc, cheap enough for the event loop.
+std::string executableOf(pid_t pid) {
+  auto executable = readProcessExecutablePath(pid);
+  return executable ? *executable : std::string();
 }
 
 bool isPlaceholderName(const std::string& path) {
@@ -56,6 +56,18 @@ std::string durationText(std::chrono::steady_clock::duration duration) {
   if (ms % 1000 == 0)
     return std::to_string(ms / 1000) + " s";
   return std::to_string(ms) + " ms";
+}
+
+}  // namespace
+
+namespace {
+
+// A denial that makes the open fail with `error` (FAN_DENY_ERRNO of Linux 6.14; the C
+// library's headers may predate it): the errno in the response's top byte.
+std::uint32_t denyWithErrno(int error) {
+  constexpr unsigned kErrnoShift = 24;
+  constexpr std::uint32_t kErrnoMask = 0xff;
+  return FAN_DENY | ((static_cast<std::uint32_t>(error) & kErrnoMask) << kErrnoShift);
 }
 
 }  // namespace
@@ -77,8 +89,13 @@ std::chrono::steady_clock::duration TransparentCoordination::boundFromEnvironmen
 
 std::shared_ptr<TransparentCoordination> TransparentCoordination::start(
     FileCoordinator& coordinator, TransparentCoordinationOptions options) {
-  const int fanotifyFd = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_NONBLOCK,
-                                         O_RDONLY | O_LARGEFILE | O_CLOEXEC);
+  // The pre-content class lets a denial carry an errno of our choosing (Linux 6.14 and
+  // later; older kernels take the class and refuse only the errno, see respondLocked).
+  constexpr unsigned kInitFlags = FAN_CLOEXEC | FAN_NONBLOCK;
+  constexpr unsigned kEventFlags = O_RDONLY | O_LARGEFILE | O_CLOEXEC;
+  int fanotifyFd = ::fanotify_init(FAN_CLASS_PRE_CONTENT | kInitFlags, kEventFlags);
+  if (fanotifyFd < 0 && errno == EINVAL)
+    fanotifyFd = ::fanotify_init(FAN_CLASS_CONTENT | kInitFlags, kEventFlags);
   if (fanotifyFd < 0) {
     const int error = errno;
     DKLogNotice("Transparent file coordination is off (fanotify: %s; it needs CAP_SYS_ADMIN): "
@@ -95,6 +112,8 @@ std::shared_ptr<TransparentCoordination> TransparentCoordination::start(
                 errnoText(error));
     return nullptr;
   }
+  if (options.applications == nullptr)
+    options.applications = std::make_shared<const ApplicationRegistry>();
   std::shared_ptr<TransparentCoordination> front(new TransparentCoordination(
       coordinator, std::move(options), std::move(fanotify), ScopedFd(wakeFd)));
   // The loop thread runs until stop(), which the destructor calls and joins, so `this` is
@@ -150,7 +169,7 @@ void TransparentCoordination::stop() {
   // Opens still waiting are denied: their items may not be present.
   for (auto& [path, request] : pendingByPath_) {
     for (int eventFd : request.eventFds)
-      respondLocked(eventFd, false);
+      respondLocked(eventFd, EAGAIN);
   }
   pendingByPath_.clear();
   std::vector<std::string> paths;
@@ -246,7 +265,23 @@ void TransparentCoordination::unwatchLocked(const std::string& path) {
 }
 
 bool TransparentCoordination::isExempt(pid_t pid) const {
-  return pid == ownPid_ || (options_.isExemptProcess && options_.isExemptProcess(pid));
+  // The daemon's own descendants are not exempt for being its descendants: its children
+  // are the extensions, listed themselves, and a test playing the daemon starts its readers.
+  return pid == ownPid_ ||
+         (options_.isExemptProcess && isProcessOrDescendantOf(pid, options_.isExemptProcess));
+}
+
+std::string TransparentCoordination::processIdentifier(pid_t pid, std::string executable) const {
+  std::string text = "pid " + std::to_string(pid);
+  if (auto token = AuditToken::ofProcess(pid)) {
+    if (auto bundleIdentifier = options_.applications->bundleIdentifier(*token))
+      return text + " (" + *bundleIdentifier + ")";
+  }
+  if (executable.empty())
+    executable = executableOf(pid);
+  if (!executable.empty())
+    text += " (" + executable + ")";
+  return text;
 }
 
 void TransparentCoordination::runEventLoop() {
@@ -300,7 +335,7 @@ void TransparentCoordination::runEventLoop() {
 void TransparentCoordination::handlePermission(int eventFd, pid_t pid) {
   if (isExempt(pid)) {
     std::lock_guard lock(mutex_);
-    respondLocked(eventFd, true);
+    respondLocked(eventFd, kAllow);
     return;
   }
   const std::string path = pathOfDescriptor(eventFd);
@@ -313,16 +348,16 @@ void TransparentCoordination::handlePermission(int eventFd, pid_t pid) {
   if (!provider) {
     // Not an item of any provider (or one that was just removed): nothing to wait for.
     std::lock_guard lock(mutex_);
-    respondLocked(eventFd, true);
+    respondLocked(eventFd, kAllow);
     return;
   }
 
   std::uint64_t id = 0;
-  std::string reader = describeProcess(pid);
+  const std::string reader = "pid " + std::to_string(pid);
   {
     std::lock_guard lock(mutex_);
     if (stopped_) {
-      respondLocked(eventFd, false);
+      respondLocked(eventFd, EAGAIN);
       return;
     }
     auto pending = pendingByPath_.find(path);
@@ -345,7 +380,30 @@ void TransparentCoordination::handlePermission(int eventFd, pid_t pid) {
           self->finish(id, path, Outcome::TimedOut, nullptr);
       },
       options_.scheduler);
-  auto ask = [weak, provider, url = *url, reader, id, path] {
+  // Naming the reader may block on the file system: off the event loop, and off the
+  // provider's queue, which has its own work.
+  DispatchQueue::global()->async([weak, id, path, url = *url, pid, provider] {
+    if (auto self = weak.lock())
+      self->askProvider(id, path, url, pid, provider);
+  });
+}
+
+void TransparentCoordination::askProvider(std::uint64_t id,
+                                          const std::string& path,
+                                          const Url& url,
+                                          pid_t pid,
+                                          const std::shared_ptr<CoordinationProvider>& provider) {
+  // The reader is blocked in open() until answered, so its pid names it throughout.
+  const std::string reader = processIdentifier(pid, {});
+  {
+    std::lock_guard lock(mutex_);
+    auto pending = pendingByPath_.find(path);
+    if (pending == pendingByPath_.end() || pending->second.id != id)
+      return;  // answered already: the bound, or stop()
+    pending->second.reader = reader;
+  }
+  std::weak_ptr<TransparentCoordination> weak = weak_from_this();
+  auto ask = [weak, provider, url, reader, id, path] {
     provider->_provideItemAtURL(url, Value(reader), [weak, id, path](const ErrorPtr& error) {
       if (auto self = weak.lock())
         self->finish(id, path, error ? Outcome::Failed : Outcome::Provided, error);
@@ -368,13 +426,20 @@ void TransparentCoordination::handleCloseWrite(int eventFd, pid_t pid) {
   auto provider = coordinator_.providerForURL(*url);
   if (!provider)
     return;
-  auto tell = [provider, url = *url, writer = describeProcess(pid)] {
-    provider->_writerWithID(Value(writer), url);
-  };
-  if (auto queue = provider->_providedItemsOperationQueue())
-    queue->addOperation(std::move(tell));
-  else
-    DispatchQueue::global()->async(std::move(tell));
+  // The writer may have exited by the time it is named: its executable is read now.
+  std::weak_ptr<TransparentCoordination> weak = weak_from_this();
+  DispatchQueue::global()->async([weak, provider, url = *url, pid, executable = executableOf(pid)] {
+    auto self = weak.lock();
+    if (!self)
+      return;
+    auto tell = [provider, url, writer = self->processIdentifier(pid, executable)] {
+      provider->_writerWithID(Value(writer), url);
+    };
+    if (auto queue = provider->_providedItemsOperationQueue())
+      queue->addOperation(std::move(tell));
+    else
+      DispatchQueue::global()->async(std::move(tell));
+  });
 }
 
 void TransparentCoordination::finish(std::uint64_t id, const std::string& path, Outcome outcome,
@@ -396,8 +461,12 @@ void TransparentCoordination::finish(std::uint64_t id, const std::string& path, 
   }
   {
     std::lock_guard lock(mutex_);
+    // A provider that failed: EIO; one that did not answer within the bound: EAGAIN.
+    const int denial = outcome == Outcome::Provided ? kAllow
+                       : outcome == Outcome::Failed ? EIO
+                                                    : EAGAIN;
     for (int eventFd : request.eventFds)
-      respondLocked(eventFd, outcome == Outcome::Provided);
+      respondLocked(eventFd, denial);
   }
   if (outcome == Outcome::TimedOut) {
     DKLogError("%s did not provide %s to %s within %s; denied the open", request.provider, path,
@@ -449,10 +518,22 @@ void TransparentCoordination::bringOpenedFileUpToDate(int eventFd, const std::st
   DKLogDebug("Copied the provided %s into the file its reader had opened", path);
 }
 
-void TransparentCoordination::respondLocked(int eventFd, bool allow) {
+void TransparentCoordination::respondLocked(int eventFd, int denial) {
   if (fanotifyFd_.get() >= 0) {
-    const struct fanotify_response response = {eventFd, static_cast<std::uint32_t>(allow ? FAN_ALLOW : FAN_DENY)};
-    if (::write(fanotifyFd_.get(), &response, sizeof response) != sizeof response) {
+    struct fanotify_response response = {eventFd, FAN_ALLOW};
+    if (denial != kAllow) {
+      response.response = denialsCarryErrno_ ? denyWithErrno(denial) : FAN_DENY;
+    }
+    ssize_t written = ::write(fanotifyFd_.get(), &response, sizeof response);
+    if (written < 0 && errno == EINVAL && denial != kAllow && denialsCarryErrno_) {
+      // This kernel takes no errno in a denial: the open fails with EPERM from now on.
+      denialsCarryErrno_ = false;
+      DKLogNotice("%s", "This kernel cannot give a refused open a reason: refused opens fail "
+                        "with EPERM");
+      response.response = FAN_DENY;
+      written = ::write(fanotifyFd_.get(), &response, sizeof response);
+    }
+    if (written != sizeof response) {
       const int error = errno;
       // ENOENT: the waiting process was killed meanwhile, and its open with it.
       if (error == ENOENT)
@@ -462,6 +543,11 @@ void TransparentCoordination::respondLocked(int eventFd, bool allow) {
     }
   }
   ::close(eventFd);
+}
+
+bool TransparentCoordination::denialsCarryErrno() const {
+  std::lock_guard lock(mutex_);
+  return denialsCarryErrno_;
 }
 
 }  // namespace daskel::platform

@@ -25,7 +25,9 @@
 #include <gtest/gtest.h>
 
 #include "platform/coordination/TransparentCoordinationMounts.h"
+#include "platform/identity/ApplicationRegistry.h"
 #include "platform/log/CapturingLogSink.h"
+#include "platform/plist/PropertyList.h"
 #include "platform/value/Error.h"
 
 namespace daskel::platform {
@@ -259,9 +261,17 @@ class TransparentCoordinationTest : public ::testing::Test {
   }
 
   void startFront(std::chrono::steady_clock::duration bound = 20s,
-                  std::function<bool(pid_t)> exempt = nullptr) {
-    front_ = TransparentCoordination::start(
-        coordinator_, {.bound = bound, .isExemptProcess = std::move(exempt)});
+                  std::function<bool(pid_t)> exempt = nullptr,
+                  std::shared_ptr<const ApplicationRegistry> applications = nullptr) {
+    if (applications == nullptr) {
+      // No manifests: every process is named by its executable.
+      applications = std::make_shared<const ApplicationRegistry>(
+          std::vector<std::string>{root_ + "/no-applications"});
+    }
+    front_ =
+        TransparentCoordination::start(coordinator_, {.bound = bound,
+                                                      .isExemptProcess = std::move(exempt),
+                                                      .applications = std::move(applications)});
     ASSERT_NE(front_, nullptr);
   }
 
@@ -276,6 +286,12 @@ class TransparentCoordinationTest : public ::testing::Test {
   std::string storage_;
   std::shared_ptr<ScriptedProvider> provider_;
   std::shared_ptr<TransparentCoordination> front_;
+
+  // What a reader whose open was denied with `error` prints: that errno's text, or EPERM's
+  // on a kernel that cannot give denials a reason.
+  std::string refusalText(int error) const {
+    return std::strerror(front_->denialsCarryErrno() ? error : EPERM);
+  }
 };
 
 TEST_F(TransparentCoordinationTest, AnOpenWaitsForItsProviderAndReadsWhatItMadePresent) {
@@ -316,14 +332,14 @@ TEST_F(TransparentCoordinationTest, AReaderGetsWhatTheProviderRenamedOverTheFile
   EXPECT_EQ(readFile(path), "the fetched item\n");
 }
 
-TEST_F(TransparentCoordinationTest, AnOpenFailsWithEPERMWhenTheProviderReportsAnError) {
+TEST_F(TransparentCoordinationTest, AnOpenFailsWithEIOWhenTheProviderReportsAnError) {
   coordinator_.addProvider(provider_);
   startFront();
   provider_->setAnswer(ScriptedProvider::Answer::Fail);
 
   auto reader = cat(item("present.txt"));
   EXPECT_EQ(reader->exitStatus(), 1);
-  EXPECT_NE(reader->errors().find("Operation not permitted"), std::string::npos)
+  EXPECT_NE(reader->errors().find(refusalText(EIO)), std::string::npos)
       << reader->errors();
   EXPECT_EQ(reader->output(), "");
   EXPECT_TRUE(log_->waitFor(
@@ -347,7 +363,7 @@ TEST_F(TransparentCoordinationTest, AnUnansweredOpenIsDeniedAtTheBoundAndALateAn
 
   auto reader = cat(path);
   EXPECT_EQ(reader->exitStatus(), 1);
-  EXPECT_NE(reader->errors().find("Operation not permitted"), std::string::npos)
+  EXPECT_NE(reader->errors().find(refusalText(EAGAIN)), std::string::npos)
       << reader->errors();
   const std::string expected = "com.example.provider did not provide " + path + " to pid " +
                                std::to_string(reader->pid());
@@ -443,6 +459,94 @@ TEST_F(TransparentCoordinationTest, PlaceholdersDirectoriesAndExemptProcessesAre
   auto plain = cat(item("present.txt"));
   EXPECT_EQ(plain->exitStatus(), 1);
   EXPECT_EQ(provider_->timesProvided(item("present.txt")), 1u);
+}
+
+TEST_F(TransparentCoordinationTest, ProcessesAnExemptProcessStartedAreExemptButOthersAreNot) {
+  std::mutex mutex;
+  std::set<pid_t> exempt;
+  coordinator_.addProvider(provider_);
+  startFront(20s, [&](pid_t pid) {
+    std::lock_guard lock(mutex);
+    return exempt.contains(pid);
+  });
+  provider_->setAnswer(ScriptedProvider::Answer::Fail);
+  const std::string path = item("present.txt");
+
+  // The "extension" waits at a pipe until it is listed, then reads the item through a child
+  // (cat) and a grandchild (a shell's cat); "; true" keeps each shell from exec()ing its last
+  // command, so the readers are descendants rather than the listed process itself.
+  int gate[2];
+  ASSERT_EQ(::pipe(gate), 0);
+  const std::string script = "read line <&" + std::to_string(gate[0]) +
+                             "; /bin/cat \"$0\"; /bin/sh -c '/bin/cat \"$0\"; true' \"$0\"; true";
+  Reader extension(root_, {"/bin/sh", "-c", script, path});
+  ::close(gate[0]);
+  {
+    std::lock_guard lock(mutex);
+    exempt.insert(extension.pid());
+  }
+  ASSERT_EQ(::write(gate[1], "go\n", 3), 3);
+  ::close(gate[1]);
+  EXPECT_EQ(extension.exitStatus(), 0) << extension.errors();
+  EXPECT_EQ(extension.output(), "present contents\npresent contents\n") << extension.errors();
+  EXPECT_TRUE(provider_->provided().empty());
+
+  // A shell that nobody listed, reading the same way: its child is held to the provider.
+  Reader stranger(root_, {"/bin/sh", "-c", "/bin/cat \"$0\"; true", path});
+  EXPECT_EQ(stranger.exitStatus(), 0);
+  EXPECT_NE(stranger.errors().find(refusalText(EIO)), std::string::npos)
+      << stranger.errors();
+  EXPECT_EQ(stranger.output(), "");
+  EXPECT_EQ(provider_->timesProvided(path), 1u);
+}
+
+TEST_F(TransparentCoordinationTest,
+       ReadersAndWritersAreNamedByTheirApplicationOrElseTheirExecutable) {
+  // A registered application: a copy of cat listed in a manifest.
+  fs::create_directories(root_ + "/bin");
+  fs::create_directories(root_ + "/applications");
+  const std::string application = root_ + "/bin/report-viewer";
+  fs::copy_file(fs::canonical("/bin/cat"), application);
+  fs::permissions(application, fs::perms(0755));
+  const std::string manifest = root_ + "/applications/report-viewer.plist";
+  ASSERT_TRUE(writePropertyListAtomically(
+      Value(Value::Dictionary{{"BundleIdentifier", Value("org.example.report-viewer")},
+                              {"Executables", Value(Value::Array{Value(application)})},
+                              {"Entitlements", Value(Value::Dictionary())}}),
+      manifest));
+  ASSERT_EQ(::chmod(manifest.c_str(), 0644), 0);
+  coordinator_.addProvider(provider_);
+  startFront(20s, nullptr,
+             std::make_shared<const ApplicationRegistry>(
+                 std::vector<std::string>{root_ + "/applications"}));
+
+  Reader viewer(root_, {application, item("present.txt")});
+  EXPECT_EQ(viewer.exitStatus(), 0) << viewer.errors();
+  auto plain = cat(item("other.txt"));
+  EXPECT_EQ(plain->exitStatus(), 0) << plain->errors();
+  // The writer stays until told (a line on a pipe), so it is named while it runs.
+  int gate[2];
+  ASSERT_EQ(::pipe(gate), 0);
+  Reader writer(
+      root_, {"/bin/sh", "-c", "printf 'written' > \"$0\"; read line <&" + std::to_string(gate[0]),
+              item("folder/new.txt")});
+  ::close(gate[0]);
+  ASSERT_TRUE(waitUntil([&] { return !provider_->written().empty(); }));
+  ASSERT_EQ(::write(gate[1], "go\n", 3), 3);
+  ::close(gate[1]);
+  EXPECT_EQ(writer.exitStatus(), 0) << writer.errors();
+
+  const auto calls = provider_->provided();
+  const std::set<std::pair<std::string, std::string>> provided(calls.begin(), calls.end());
+  EXPECT_TRUE(provided.contains({item("present.txt"), "pid " + std::to_string(viewer.pid()) +
+                                                          " (org.example.report-viewer)"}))
+      << ::testing::PrintToString(provided);
+  EXPECT_TRUE(provided.contains({item("other.txt"), "pid " + std::to_string(plain->pid()) + " (" +
+                                                        fs::canonical("/bin/cat").string() + ")"}))
+      << ::testing::PrintToString(provided);
+  EXPECT_EQ(provider_->written().at(0),
+            std::make_pair(item("folder/new.txt"), "pid " + std::to_string(writer.pid()) + " (" +
+                                                       fs::canonical("/bin/sh").string() + ")"));
 }
 
 TEST_F(TransparentCoordinationTest, CloseAfterWritingTellsTheOwningProviderWhoWrote) {

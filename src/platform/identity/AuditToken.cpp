@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "platform/identity/ProcessInfo.h"
 #include "platform/identity/ScopedFd.h"
@@ -76,21 +78,9 @@ std::optional<AuditToken> AuditToken::fromSocket(int fd, PidfdUse use) {
     }
   }
   if (openByPid) {
-    // Opened now, the pidfd names whichever process has the pid at accept time, which is the
-    // peer unless it died and its pid was reused since its connect(); from here on it is
-    // exact.
-    int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, token.pid_, 0));
-    if (pidfd >= 0) {
-      adoptPidfd(pidfd);
-      return token;
-    }
-    if (errno == ESRCH) {
-      token.goneAtAccept_ = true;
-      return token;
-    }
-    // ENOSYS (before Linux 5.3): the start time is all there is.
+    token.pinByPid();
+    return token;
   }
-
   auto stat = readProcessStat(token.pid_);
   if (!stat || isExitedState(stat->state)) {
     token.goneAtAccept_ = true;
@@ -98,6 +88,41 @@ std::optional<AuditToken> AuditToken::fromSocket(int fd, PidfdUse use) {
     token.startTime_ = stat->startTime;
   }
   return token;
+}
+
+std::optional<AuditToken> AuditToken::ofProcess(pid_t pid) {
+  struct stat st;
+  if (pid <= 0 || ::stat(("/proc/" + std::to_string(pid)).c_str(), &st) != 0) {
+    return std::nullopt;
+  }
+  AuditToken token(pid, st.st_uid, st.st_gid);
+  token.pinByPid();
+  if (token.goneAtAccept_) {
+    return std::nullopt;
+  }
+  return token;
+}
+
+void AuditToken::pinByPid() {
+  // Opened now, the pidfd names whichever process has the pid now: for a socket's peer that
+  // is the peer unless it died and its pid was reused since its connect(); from here on it
+  // is exact.
+  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+  if (pidfd >= 0) {
+    pidfd_ = std::make_shared<const ScopedFd>(pidfd);  // pidfd_open makes it close-on-exec
+    return;
+  }
+  if (errno == ESRCH) {
+    goneAtAccept_ = true;
+    return;
+  }
+  // ENOSYS (before Linux 5.3): the start time is all there is.
+  auto stat = readProcessStat(pid_);
+  if (!stat || isExitedState(stat->state)) {
+    goneAtAccept_ = true;
+  } else {
+    startTime_ = stat->startTime;
+  }
 }
 
 int AuditToken::pidfd() const {

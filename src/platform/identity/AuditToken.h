@@ -49,6 +49,10 @@ class AuditToken {
   // The identity of the peer of the connected Unix-domain socket `fd` (borrowed, not
   // closed).
   static std::optional<AuditToken> fromSocket(int fd, PidfdUse use = PidfdUse::WhenAvailable);
+  // The identity of process `pid` as it is now, for callers that know a process by pid alone
+  // (a fanotify event): pinned with a pidfd opened now (else its start time), owner and group
+  // from /proc/<pid>. nullopt when there is no such process.
+  static std::optional<AuditToken> ofProcess(pid_t pid);
 
   pid_t pid() const { return pid_; }
   uid_t uid() const { return uid_; }
@@ -69,6 +73,9 @@ class AuditToken {
 
  private:
   AuditToken(pid_t pid, uid_t uid, gid_t gid) : pid_(pid), uid_(uid), gid_(gid) {}
+  // Pins the process by a pidfd opened by pid, else by its start time; marks the token gone
+  // when the process is.
+  void pinByPid();
 
   pid_t pid_;
   uid_t uid_;

@@ -130,6 +130,26 @@ TEST(AuditToken, ATokenIsDeadOnceItsProcessExitsEvenBeforeItIsReaped) {
   }
 }
 
+TEST(AuditToken, ATokenTakenByPidPinsTheProcessThatHasThePidNow) {
+  auto listener = TestPeerProcess::listen();
+  ASSERT_TRUE(listener);
+  auto child = TestPeerProcess::start(*listener, {});
+  ASSERT_TRUE(child);
+  const pid_t pid = child->pid();
+  auto token = AuditToken::ofProcess(pid);
+  ASSERT_TRUE(token);
+  EXPECT_EQ(token->pid(), pid);
+  EXPECT_EQ(token->uid(), ::geteuid());
+  EXPECT_TRUE(token->isAlive());
+
+  child->kill(SIGKILL);
+  ASSERT_TRUE(child->waitUntilExited());
+  EXPECT_FALSE(token->isAlive()) << "a zombie is no longer the process";
+  child->reap();
+  EXPECT_FALSE(token->isAlive());
+  EXPECT_FALSE(AuditToken::ofProcess(-1));
+}
+
 TEST(AuditToken, APeerThatWasReapedBeforeItsConnectionWasAcceptedHasNoIdentity) {
   auto listener = TestPeerProcess::listen();
   ASSERT_TRUE(listener);
