@@ -208,6 +208,20 @@ bool IpcStream::takeReadSide() {
   return true;
 }
 
+template <typename Wait>
+auto IpcStream::waitUnlocked(std::unique_lock<std::mutex>& lock, Wait wait) {
+  pollingHere_ = true;
+  lock.unlock();
+  const auto result = wait();
+  lock.lock();
+  pollingHere_ = false;
+  if (closedWhilePolled_ >= 0) {
+    ::close(closedWhilePolled_);
+    closedWhilePolled_ = -1;
+  }
+  return result;
+}
+
 void IpcStream::readHere(const std::function<bool()>& stop,
                          std::optional<std::chrono::steady_clock::time_point> deadline) {
   // Declared before the lock, so they are released after it.
@@ -243,16 +257,12 @@ void IpcStream::readHere(const std::function<bool()>& stop,
           std::chrono::ceil<std::chrono::milliseconds>(left).count(), INT_MAX));
     }
     pollfd watched{fd_, POLLIN | POLLRDHUP, 0};
-    pollingHere_ = true;
-    lock.unlock();
-    const int ready = ::poll(&watched, 1, timeoutMs);
-    const int error = errno;
-    lock.lock();
-    pollingHere_ = false;
-    if (closedWhilePolled_ >= 0) {
-      ::close(closedWhilePolled_);
-      closedWhilePolled_ = -1;
-    }
+    int error = 0;
+    const int ready = waitUnlocked(lock, [&] {
+      const int result = ::poll(&watched, 1, timeoutMs);
+      error = errno;
+      return result;
+    });
     if (closed_) {
       return;
     }
@@ -276,19 +286,15 @@ bool IpcStream::receiveBlockingLocked(std::unique_lock<std::mutex>& lock) {
   // leaves closing it to us.
   std::array<std::uint8_t, kReadChunk> buffer;
   const int fd = fd_;
-  pollingHere_ = true;
-  lock.unlock();
-  ssize_t count;
-  do {
-    count = ::recv(fd, buffer.data(), buffer.size(), 0);
-  } while (count < 0 && errno == EINTR);
-  const int error = errno;
-  lock.lock();
-  pollingHere_ = false;
-  if (closedWhilePolled_ >= 0) {
-    ::close(closedWhilePolled_);
-    closedWhilePolled_ = -1;
-  }
+  int error = 0;
+  const ssize_t count = waitUnlocked(lock, [&] {
+    ssize_t result;
+    do {
+      result = ::recv(fd, buffer.data(), buffer.size(), 0);
+    } while (result < 0 && errno == EINTR);
+    error = errno;
+    return result;
+  });
   if (closed_) {
     return true;
   }

@@ -140,6 +140,11 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   // For the holder of the read side: one blocking recv() without the lock. False when it
   // could not block (the socket was made nonblocking behind the stream's back).
   bool receiveBlockingLocked(std::unique_lock<std::mutex>& lock);
+  // Runs `wait` (a poll() or recv() on fd_ by the holder of the read side) without the lock,
+  // marked so that close() shuts the socket down rather than closing it under the wait, and
+  // closes it afterwards if close() came meanwhile. Returns what `wait` returned.
+  template <typename Wait>
+  auto waitUnlocked(std::unique_lock<std::mutex>& lock, Wait wait);
   // After reading: notes the end or a pause and updates the loop registration.
   void finishReadLocked();
   // Hands inbox_ and end_ to the handlers unless another thread is doing so. Called with the
