@@ -71,31 +71,24 @@ class AccessControlStoreTest : public ::testing::Test {
   std::shared_ptr<FakeNotifyCenter> notifyCenter_ = std::make_shared<FakeNotifyCenter>();
 };
 
-TEST_F(AccessControlStoreTest, FirstStartCreatesDirectoryAndFirstGrantCreatesFile) {
-  auto store = makeStore();
-  EXPECT_TRUE(fs::is_directory(directory_));
-  EXPECT_FALSE(fs::exists(file_));
-  EXPECT_EQ(count("Successfully read access control from disk."), 0u);
-  EXPECT_FALSE(store->isProviderWithIdentifier("p", "i", "c"));
-
-  store->allowProviderWithIdentifier("p", "i", "c");
-  EXPECT_TRUE(fs::exists(file_));
-  EXPECT_TRUE(store->isProviderWithIdentifier("p", "i", "c"));
-}
-
-TEST_F(AccessControlStoreTest, GrantsSurviveANewStoreReadingTheFile) {
+TEST_F(AccessControlStoreTest, FirstGrantCreatesTheFileAndGrantsSurviveANewStoreReadingIt) {
   {
     auto store = makeStore();
+    EXPECT_TRUE(fs::is_directory(directory_));
+    EXPECT_FALSE(fs::exists(file_));
+    EXPECT_EQ(count("Successfully read access control from disk."), 0u);
+    EXPECT_FALSE(store->isProviderWithIdentifier("com.acme.cloud.provider", "docs/report.txt",
+                                                 "com.acme.editor"));
     store->allowProviderWithIdentifier("com.acme.cloud.provider", "docs/report.txt",
                                        "com.acme.editor");
+    EXPECT_TRUE(fs::exists(file_));
     store->allowProviderWithIdentifier("com.acme.cloud.provider", "7F2A-11", "com.acme.editor");
     store->allowProviderWithIdentifier("com.other", "x", "com.acme.viewer");
   }
   auto reread = makeStore();
   EXPECT_EQ(count("Successfully read access control from disk."), 1u);
-  EXPECT_TRUE(
-      reread->isProviderWithIdentifier("com.acme.cloud.provider", "docs/report.txt",
-                                       "com.acme.editor"));
+  EXPECT_TRUE(reread->isProviderWithIdentifier("com.acme.cloud.provider", "docs/report.txt",
+                                               "com.acme.editor"));
   EXPECT_TRUE(
       reread->isProviderWithIdentifier("com.acme.cloud.provider", "7F2A-11", "com.acme.editor"));
   EXPECT_TRUE(reread->isProviderWithIdentifier("com.other", "x", "com.acme.viewer"));
@@ -331,25 +324,6 @@ TEST_F(AccessControlStoreTest, FirstUnlockRereadReplacesTheListWithTheFile) {
   notifyCenter_->post(platform::kFirstUnlockNotification);
   EXPECT_TRUE(store->isProviderWithIdentifier("p", "theirs", "c"));
   EXPECT_FALSE(store->isProviderWithIdentifier("p", "mine", "c"));
-}
-
-TEST_F(AccessControlStoreTest, TouchingTheFirstUnlockNotificationFileTriggersAReread) {
-  auto center = platform::SystemNotifyCenter::createForDirectory((root_ / "notifications").string());
-  ASSERT_TRUE(center.has_value());
-  auto store = DKAccessControlStore::create(file_.string(), *center);
-  auto other = DKAccessControlStore::create((root_ / "other.plist").string(), nullptr);
-  other->allowProviderWithIdentifier("p", "written elsewhere", "c");
-  fs::copy_file(root_ / "other.plist", file_, fs::copy_options::overwrite_existing);
-  EXPECT_FALSE(store->isProviderWithIdentifier("p", "written elsewhere", "c"));
-
-  // Posted the way any process posts it: by touching the file.
-  writeFile(root_ / "notifications" / platform::kFirstUnlockNotification, "");
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!store->isProviderWithIdentifier("p", "written elsewhere", "c") &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  EXPECT_TRUE(store->isProviderWithIdentifier("p", "written elsewhere", "c"));
 }
 
 TEST_F(AccessControlStoreTest, RereadAfterTheFileWasDeletedKeepsTheGrants) {

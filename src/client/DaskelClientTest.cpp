@@ -153,18 +153,7 @@ std::int64_t ipcCode(const Result<Values>& outcome) {
 
 // ---- connecting ----
 
-TEST_F(DaskelClientTest, ConnectingToAServiceNobodyRunsNamesTheServiceAndItsSocketPath) {
-  auto client = DaskelClient::connect(kService, platform::testing::ipcTestInterface());
-  ASSERT_FALSE(client);
-  EXPECT_EQ(client.error()->domain, kIpcErrorDomain);
-  EXPECT_EQ(client.error()->code, static_cast<std::int64_t>(IpcErrorCode::ConnectionInvalid));
-  const std::string text = client.error()->localizedDescription();
-  EXPECT_NE(text.find(std::string("service ") + kService + " is not running"), std::string::npos)
-      << text;
-  EXPECT_NE(text.find(socketPath(kService)), std::string::npos) << text;
-}
-
-TEST_F(DaskelClientTest, ASocketFileLeftByADeadServiceGivesTheSameNotRunningError) {
+TEST_F(DaskelClientTest, ASocketFileLeftByADeadServiceGivesTheNotRunningErrorWithItsPath) {
   // Bound and listened on, then closed: what a killed service leaves behind.
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
@@ -176,56 +165,15 @@ TEST_F(DaskelClientTest, ASocketFileLeftByADeadServiceGivesTheSameNotRunningErro
 
   auto client = DaskelClient::connect(kService, platform::testing::ipcTestInterface());
   ASSERT_FALSE(client);
+  EXPECT_EQ(client.error()->domain, kIpcErrorDomain);
   EXPECT_EQ(client.error()->code, static_cast<std::int64_t>(IpcErrorCode::ConnectionInvalid));
   const std::string text = client.error()->localizedDescription();
-  EXPECT_NE(text.find("is not running"), std::string::npos) << text;
+  EXPECT_NE(text.find(std::string("service ") + kService + " is not running"), std::string::npos)
+      << text;
   EXPECT_NE(text.find(socketPath(kService)), std::string::npos) << text;
 }
 
 // ---- replies ----
-
-TEST_F(DaskelClientTest, EachReplyReachesTheHandlerOfItsOwnCallWhenManyThreadsCall) {
-  startService();
-  auto client = connect();
-  ASSERT_TRUE(client);
-  constexpr int kThreads = 4;
-  constexpr int kCallsPerThread = 50;
-  auto outcomes = std::make_shared<Outcomes>();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kCallsPerThread; ++i) {
-        const std::string tag = std::to_string(t) + "/" + std::to_string(i);
-        client->call("echo:completion:", {Value(tag)}, outcomes->handlerFor(tag));
-      }
-    });
-  }
-  for (auto& thread : threads) {
-    thread.join();
-  }
-  ASSERT_TRUE(outcomes->waitForCount(kThreads * kCallsPerThread));
-  client->queue()->sync([] {});  // any handler running twice would have run by now
-  const auto byTag = outcomes->byTag();
-  ASSERT_EQ(byTag.size(), static_cast<std::size_t>(kThreads * kCallsPerThread));
-  for (const auto& [tag, results] : byTag) {
-    ASSERT_EQ(results.size(), 1u) << tag;
-    ASSERT_TRUE(results[0]) << tag << ": " << results[0].error()->description();
-    ASSERT_EQ(results[0]->size(), 1u);
-    EXPECT_EQ((*results[0])[0], Value(tag));
-  }
-}
-
-TEST_F(DaskelClientTest, ABlockingCallReturnsTheReplyValues) {
-  startService();
-  auto client = connect();
-  ASSERT_TRUE(client);
-  auto reply = client->callAndWait("echo:completion:", {Value("ping")});
-  ASSERT_TRUE(reply) << reply.error()->description();
-  EXPECT_EQ(*reply, Values{Value("ping")});
-  reply = client->callAndWait("echo:completion:", {Value("pong")}, 20s);
-  ASSERT_TRUE(reply) << reply.error()->description();
-  EXPECT_EQ(*reply, Values{Value("pong")});
-}
 
 TEST_F(DaskelClientTest,
        BlockingCallsAndCallsWithHandlersFromManyThreadsAtOnceEachHearTheirOwnReply) {
@@ -275,26 +223,13 @@ TEST_F(DaskelClientTest,
   EXPECT_TRUE(client->isValid());
 }
 
-TEST_F(DaskelClientTest, ArgumentsOutsideTheInterfaceFailThatCallAloneWithMessageRefused) {
-  startService();
-  auto client = connect();
-  ASSERT_TRUE(client);
-  platform::CapturingLogSink::Scope log;
-  auto refused = client->callAndWait("echo:completion:", {Value(42)});
-  EXPECT_EQ(ipcCode(refused), static_cast<std::int64_t>(IpcErrorCode::MessageRefused));
-  EXPECT_TRUE(client->isValid());
-  auto reply = client->callAndWait("echo:completion:", {Value("still here")});
-  ASSERT_TRUE(reply) << reply.error()->description();
-  EXPECT_EQ(*reply, Values{Value("still here")});
-}
-
 // ---- timeouts ----
 
-TEST_F(DaskelClientTest, ABlockingCallTimesOutWhenTheServiceDropsItsReplyBlock) {
-  startService(/*keepsHeldReplies=*/false);
+TEST_F(DaskelClientTest, ABlockingCallTimesOutAndALateReplyIsDroppedWithoutHarm) {
+  auto service = startService(/*keepsHeldReplies=*/true);
   auto client = connect();
   ASSERT_TRUE(client);
-  auto timedOut = client->callAndWait("hold:completion:", {Value("never")}, 100ms);
+  auto timedOut = client->callAndWait("hold:completion:", {Value("late")}, 100ms);
   ASSERT_FALSE(timedOut);
   EXPECT_EQ(timedOut.error()->domain, kDaskelClientErrorDomain);
   EXPECT_EQ(timedOut.error()->code, static_cast<std::int64_t>(DaskelClientErrorCode::TimedOut));
@@ -303,22 +238,10 @@ TEST_F(DaskelClientTest, ABlockingCallTimesOutWhenTheServiceDropsItsReplyBlock) 
   EXPECT_NE(text.find("hold:completion:"), std::string::npos) << text;
   EXPECT_NE(text.find("100 ms"), std::string::npos) << text;
 
-  // The connection is unharmed: the next call gets its reply.
-  EXPECT_TRUE(client->isValid());
-  auto reply = client->callAndWait("echo:completion:", {Value("after")}, 20s);
-  ASSERT_TRUE(reply) << reply.error()->description();
-  EXPECT_EQ(*reply, Values{Value("after")});
-}
-
-TEST_F(DaskelClientTest, AReplyArrivingAfterTheTimeoutIsDroppedWithoutHarm) {
-  auto service = startService(/*keepsHeldReplies=*/true);
-  auto client = connect();
-  ASSERT_TRUE(client);
-  auto timedOut = client->callAndWait("hold:completion:", {Value("late")}, 50ms);
-  ASSERT_FALSE(timedOut);
-  EXPECT_EQ(timedOut.error()->code, static_cast<std::int64_t>(DaskelClientErrorCode::TimedOut));
   ASSERT_TRUE(service->held.waitForCount(1));
   service->held.items().front()({});  // the late reply
+  // The connection is unharmed: the next call gets its own reply.
+  EXPECT_TRUE(client->isValid());
   auto reply = client->callAndWait("echo:completion:", {Value("next")}, 20s);
   ASSERT_TRUE(reply) << reply.error()->description();
   EXPECT_EQ(*reply, Values{Value("next")});

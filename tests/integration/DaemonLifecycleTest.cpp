@@ -64,6 +64,16 @@ Value accessControl(const std::string& provider,
                      {consumer, Value(Value::Dictionary{{"AllowedItemIDs", Value(allowed)}})}})}});
 }
 
+// A scripted extension of identifier com.example.e2e.<name>, app group group.<identifier>.
+ScriptedExtensionBundle scripted(const std::string& name, const std::string& script = "") {
+  ScriptedExtensionBundle bundle;
+  bundle.name = name;
+  bundle.identifier = "com.example.e2e." + name;
+  bundle.group = "group." + bundle.identifier;
+  bundle.script = script;
+  return bundle;
+}
+
 class DaemonLifecycle : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(daemon_.ready()) << daemon_.setUpError(); }
@@ -168,9 +178,7 @@ TEST_F(DaemonLifecycle, GrantsSurviveARestartOfTheDaemon) {
 }
 
 TEST_F(DaemonLifecycle, FirstUnlockNotificationMakesTheDaemonRereadTheAccessControlFile) {
-  ScriptedExtensionBundle alpha;
-  alpha.identifier = "com.example.e2e.alpha";
-  alpha.group = "group.com.example.e2e.alpha";
+  const ScriptedExtensionBundle alpha = scripted("alpha");
   std::string error;
   const std::string bundle = daemon_.installExtension(alpha, &error);
   ASSERT_FALSE(bundle.empty()) << error;
@@ -207,10 +215,7 @@ TEST_F(DaemonLifecycle, FirstUnlockNotificationMakesTheDaemonRereadTheAccessCont
 }
 
 TEST_F(DaemonLifecycle, ExtensionsInstalledReplacedAndRemovedWhileRunningShowInTheProviderList) {
-  ScriptedExtensionBundle alpha;
-  alpha.name = "Alpha";
-  alpha.identifier = "com.example.e2e.alpha";
-  alpha.group = "group.com.example.e2e.alpha";
+  const ScriptedExtensionBundle alpha = scripted("alpha");
   std::string error;
   ASSERT_FALSE(daemon_.installExtension(alpha, &error).empty()) << error;
   const std::string editor = addEditor();
@@ -233,9 +238,7 @@ TEST_F(DaemonLifecycle, ExtensionsInstalledReplacedAndRemovedWhileRunningShowInT
             json({{alpha.identifier, alphaInfo}}));
 
   // Installed.
-  ScriptedExtensionBundle beta;
-  beta.name = "Beta";
-  beta.identifier = "com.example.e2e.beta";
+  ScriptedExtensionBundle beta = scripted("beta");
   beta.group = "group.com.example.e2e.beta-1";
   std::size_t before = daemon_.logSize();
   const std::string betaBundle = daemon_.installExtension(beta, &error);
@@ -276,16 +279,9 @@ TEST_F(DaemonLifecycle,
        ClientConnectingDuringTheFirstRefreshIsServedOnlyAfterEveryRegistrationEnded) {
   // Registration tries three times, 2 seconds apart: "slow" succeeds at its third try,
   // "broken" never does. Registrations run one after another.
-  ScriptedExtensionBundle slow;
-  slow.name = "Slow";
-  slow.identifier = "com.example.e2e.slow";
-  slow.group = "group.com.example.e2e.slow";
-  slow.script = "performInitialSetup fail-first 2 com.example.e2e 7 Not yet.\n";
-  ScriptedExtensionBundle broken;
-  broken.name = "Broken";
-  broken.identifier = "com.example.e2e.broken";
-  broken.group = "group.com.example.e2e.broken";
-  broken.script = "performInitialSetup error com.example.e2e 8 Never.\n";
+  const auto slow =
+      scripted("slow", "performInitialSetup fail-first 2 com.example.e2e 7 Not yet.\n");
+  const auto broken = scripted("broken", "performInitialSetup error com.example.e2e 8 Never.\n");
   std::string error;
   ASSERT_FALSE(daemon_.installExtension(slow, &error).empty()) << error;
   ASSERT_FALSE(daemon_.installExtension(broken, &error).empty()) << error;
@@ -327,10 +323,7 @@ TEST_F(DaemonLifecycle,
 }
 
 TEST_F(DaemonLifecycle, NoClientIsServedWhileAnExtensionNeverAnswersItsInitialSetUp) {
-  ScriptedExtensionBundle silent;
-  silent.identifier = "com.example.e2e.silent";
-  silent.group = "group.com.example.e2e.silent";
-  silent.script = "performInitialSetup never-answer\n";
+  const auto silent = scripted("silent", "performInitialSetup never-answer\n");
   std::string error;
   const std::string bundle = daemon_.installExtension(silent, &error);
   ASSERT_FALSE(bundle.empty()) << error;

@@ -1,6 +1,6 @@
 // IpcConnection over socketpairs: delivery order and concurrency, reply blocks, closing and
-// the error handlers, refusals (from a raw peer that writes whatever bytes it likes), flow
-// control, and identity through the resolver seam.
+// the error handlers, refusals (from a raw peer that writes whatever bytes it likes) and flow
+// control.
 #include "platform/ipc/IpcConnection.h"
 
 #include <poll.h>
@@ -180,59 +180,6 @@ TEST(IpcConnection, RequestAndReplyMakeARoundTripAndTheReplyRunsOnTheConnections
   pair.client->invalidate();
 }
 
-TEST(IpcConnection, DeliversOneConnectionsRequestsOneAtATimeInTheOrderSent) {
-  constexpr int kCount = 3000;
-  auto received = std::make_shared<Inbox<std::int64_t>>();
-  auto running = std::make_shared<std::atomic<int>>(0);
-  auto overlapped = std::make_shared<std::atomic<bool>>(false);
-  auto table = std::make_shared<IpcHandlerTable>();
-  auto wrongQueue = std::make_shared<std::atomic<bool>>(false);
-  auto serverHolder = std::make_shared<std::weak_ptr<IpcConnection>>();
-  table->on("note:", [=](Value::Array args, std::optional<ReplyBlock>) {
-    if (running->fetch_add(1) != 0) {
-      overlapped->store(true);
-    }
-    if (auto server = serverHolder->lock(); !server || !server->queue()->isCurrent()) {
-      wrongQueue->store(true);
-    }
-    received->push(*args[0].integer());
-    running->fetch_sub(1);
-  });
-  auto pair = makePair(table);
-  *serverHolder = pair.server;
-  auto proxy = pair.client->remoteObjectProxy();
-  for (int i = 0; i < kCount; ++i) {
-    proxy->call("note:", {Value(i)});
-  }
-  ASSERT_TRUE(received->waitForCount(kCount));
-  const auto items = received->items();
-  for (int i = 0; i < kCount; ++i) {
-    ASSERT_EQ(items[i], i) << "request " << i << " was delivered out of order";
-  }
-  EXPECT_FALSE(overlapped->load());
-  EXPECT_FALSE(wrongQueue->load());
-  pair.client->invalidate();
-}
-
-TEST(IpcConnection, RunsRequestsOfDifferentConnectionsConcurrently) {
-  // Each handler waits until the other connection's handler runs too: only concurrent
-  // delivery lets both finish before the deadline.
-  auto meeting = std::make_shared<TestLatch>(2);
-  auto met = std::make_shared<Inbox<bool>>();
-  auto table = std::make_shared<IpcHandlerTable>();
-  table->on("note:", [meeting, met](Value::Array, std::optional<ReplyBlock>) {
-    met->push(meeting->arriveAndWait(kDeadline));
-  });
-  auto first = makePair(table);
-  auto second = makePair(table);
-  first.client->remoteObjectProxy()->call("note:", {Value(1)});
-  second.client->remoteObjectProxy()->call("note:", {Value(2)});
-  ASSERT_TRUE(met->waitForCount(2));
-  EXPECT_EQ(met->items(), (std::vector<bool>{true, true}));
-  first.client->invalidate();
-  second.client->invalidate();
-}
-
 TEST(IpcConnection, AHandlerBlockedUntilAnotherConnectionsRequestIsAnsweredDoesNotStopIt) {
   // The first connection's handler waits, where nobody can see it, until the test has had
   // the second connection's echo answered: the second connection must be served meanwhile.
@@ -281,9 +228,9 @@ TEST(IpcConnection, AHandlerMayWaitForItsOwnCallOverAnotherConnection) {
 }
 
 TEST(IpcConnection, KeepsTheOrderWhileOtherBlocksKeepTheConnectionsQueueBusy) {
-  // Blocks submitted to the server's queue from another thread make it busy at random
-  // moments, so some requests wait in the queue and others find it idle: all must still
-  // arrive in the order sent, one at a time, on the queue.
+  // One connection's requests arrive in the order sent, one at a time, on its queue, also
+  // while blocks submitted from another thread make that queue busy at random moments (so
+  // some requests wait in the queue and others find it idle).
   constexpr int kCount = 3000;
   auto received = std::make_shared<Inbox<std::int64_t>>();
   auto probe = std::make_shared<std::atomic<int>>(0);
@@ -496,13 +443,14 @@ TEST(IpcConnection, AReplyOutsideTheInterfaceClosesTheConnectionInsteadOfLeaving
 TEST(IpcConnection, InvalidatingRunsTheErrorHandlerOfEachProxyWithRepliesOutstandingOnce) {
   Inbox<ReplyBlock> held;
   auto pair = makePair(echoService(&held));
-  auto errorsA = std::make_shared<Inbox<ErrorPtr>>();
-  auto errorsB = std::make_shared<Inbox<ErrorPtr>>();
-  auto errorsC = std::make_shared<Inbox<ErrorPtr>>();
+  std::shared_ptr<Inbox<ErrorPtr>> errorsA, errorsB, errorsC;
+  std::shared_ptr<IpcRemoteProxy> a, b, c;
+  for (auto [errors, proxy] : {std::pair{&errorsA, &a}, {&errorsB, &b}, {&errorsC, &c}}) {
+    *errors = std::make_shared<Inbox<ErrorPtr>>();
+    *proxy = pair.client->remoteObjectProxyWithErrorHandler(
+        [errors = *errors](const ErrorPtr& e) { errors->push(e); });
+  }
   auto replies = std::make_shared<std::atomic<int>>(0);
-  auto a = pair.client->remoteObjectProxyWithErrorHandler([errorsA](const ErrorPtr& e) { errorsA->push(e); });
-  auto b = pair.client->remoteObjectProxyWithErrorHandler([errorsB](const ErrorPtr& e) { errorsB->push(e); });
-  auto c = pair.client->remoteObjectProxyWithErrorHandler([errorsC](const ErrorPtr& e) { errorsC->push(e); });
   for (int i = 0; i < 3; ++i) {
     a->call("hold:completion:", {Value("a")}, [replies](Value::Array) { ++*replies; });
   }
@@ -666,36 +614,31 @@ TEST(IpcConnection, RefusesAReplyOfAClassTheInterfaceDoesNotAllow) {
       << line;
 }
 
-TEST(IpcConnection, RefusesAReplyToAnIdNobodyWaitsFor) {
-  CapturingLogSink::Scope log;
-  RawPeer peer;
-  makeRawPeer(peer, false);
-  writeAll(peer.fd, frameOf(encodeReply(Reply{99, {}})));
-  ASSERT_TRUE(waitForClose(peer.fd));
-  ASSERT_EQ(errorLines(log.sink()), 1u);
-  EXPECT_NE(lastErrorLine(log.sink()).find("a reply to id 99, which no request of this side "
-                                             "awaits"),
-            std::string::npos);
-}
-
-TEST(IpcConnection, RefusesRequestsWhenItExportsNoInterface) {
-  CapturingLogSink::Scope log;
-  RawPeer peer;
-  makeRawPeer(peer, false);
-  writeAll(peer.fd, frameOf(encodeRequest(Request{"note:", {Value(1)}, std::nullopt})));
-  ASSERT_TRUE(waitForClose(peer.fd));
-  EXPECT_EQ(errorLines(log.sink()), 1u);
-}
-
-TEST(IpcConnection, RefusesARequestWhoseReplyIdDoesNotMatchTheOperation) {
-  for (const Request& request : {Request{"echo:completion:", {Value("x")}, std::nullopt},
-                                 Request{"note:", {Value(1)}, 5u}}) {
+TEST(IpcConnection, RefusesStrayRepliesAndRequestsItCannotServeByClosing) {
+  const struct {
+    const char* what;
+    bool exportsInterface;
+    Result<std::vector<std::uint8_t>> payload;
+    const char* line;  // a fragment of the one error line, or "" when any will do
+  } cases[] = {
+      {"a reply nobody waits for", false, encodeReply(Reply{99, {}}),
+       "a reply to id 99, which no request of this side awaits"},
+      {"a request with no exported interface", false,
+       encodeRequest(Request{"note:", {Value(1)}, std::nullopt}), ""},
+      {"a request without the reply id its operation needs", true,
+       encodeRequest(Request{"echo:completion:", {Value("x")}, std::nullopt}), ""},
+      {"a reply id on an operation without reply", true,
+       encodeRequest(Request{"note:", {Value(1)}, 5u}), ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
     CapturingLogSink::Scope log;
     RawPeer peer;
-    makeRawPeer(peer, true);
-    writeAll(peer.fd, frameOf(encodeRequest(request)));
-    ASSERT_TRUE(waitForClose(peer.fd)) << request.op;
-    EXPECT_EQ(errorLines(log.sink()), 1u) << request.op;
+    makeRawPeer(peer, c.exportsInterface);
+    writeAll(peer.fd, frameOf(c.payload));
+    ASSERT_TRUE(waitForClose(peer.fd));
+    ASSERT_EQ(errorLines(log.sink()), 1u);
+    EXPECT_NE(lastErrorLine(log.sink()).find(c.line), std::string::npos);
   }
 }
 
@@ -727,34 +670,6 @@ TEST(IpcConnection, DeliversTheRequestsBeforeAViolationAndNothingAfterIt) {
   EXPECT_EQ(received->items(), (std::vector<std::int64_t>{1, 2}));
   EXPECT_EQ(errorLines(log.sink()), 1u);
   ::close(b);
-}
-
-// ---- identity ----
-
-class CountingResolver : public IpcIdentityResolver {
- public:
-  Value valueForEntitlement(const AuditToken& token, std::string_view key) const override {
-    ++calls;
-    lastPid = token.pid();
-    return key == "granted" ? Value(true) : Value();
-  }
-  mutable std::atomic<int> calls{0};
-  mutable std::atomic<pid_t> lastPid{0};
-};
-
-TEST(IpcConnection, AsksTheIdentityResolverOnEveryEntitlementLookup) {
-  auto pair = makePair(echoService());
-  auto resolver = std::make_shared<CountingResolver>();
-  pair.server->setIdentityResolver(resolver);
-  EXPECT_EQ(pair.server->processIdentifier(), ::getpid());
-  ASSERT_TRUE(pair.server->auditToken());
-  EXPECT_EQ(pair.server->auditToken()->uid(), ::getuid());
-  EXPECT_EQ(pair.server->valueForEntitlement("granted"), Value(true));
-  EXPECT_EQ(pair.server->valueForEntitlement("granted"), Value(true));
-  EXPECT_TRUE(pair.server->valueForEntitlement("other").isNull());
-  EXPECT_EQ(resolver->calls.load(), 3);
-  EXPECT_EQ(resolver->lastPid.load(), ::getpid());
-  pair.client->invalidate();
 }
 
 }  // namespace

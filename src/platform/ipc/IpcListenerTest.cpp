@@ -64,35 +64,31 @@ std::shared_ptr<IpcConnection> connectClient(const std::string& service) {
   return *connection;
 }
 
-// A socket file at `path` whose listener is gone, as a killed daemon leaves it.
-void makeStaleSocket(const std::string& path) {
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+sockaddr_un unixAddress(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strcpy(address.sun_path, path.c_str());
-  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(fd, 1), 0);
-  ::close(fd);
+  return address;
 }
 
-// A listening Unix socket bound at `path`, as systemd would pass it.
+// A listening Unix socket bound at `path`, as systemd would pass it; closed, what a killed
+// daemon leaves behind.
 int makeListeningSocket(const std::string& path) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const sockaddr_un address = unixAddress(path);
+  EXPECT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   EXPECT_EQ(::listen(fd, 8), 0);
   return fd;
 }
 
+// A socket connected to `path`; -1 when nobody listens there.
 int connectRaw(const std::string& path) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
-      << path << ": " << std::strerror(errno);
+  const sockaddr_un address = unixAddress(path);
+  if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    ::close(fd);
+    return -1;
+  }
   return fd;
 }
 
@@ -130,6 +126,19 @@ class IpcListenerTest : public ::testing::Test {
   }
 
   std::string servicePath(const std::string& name) const { return (runtime_ / name).string(); }
+
+  // Creates the listener of `name`, hands it `delegate` and resumes it.
+  std::shared_ptr<IpcListener> serve(const std::string& name,
+                                     const std::shared_ptr<TestDelegate>& delegate) {
+    auto listener = IpcListener::create(name);
+    EXPECT_TRUE(listener) << listener.error()->description();
+    if (!listener) {
+      return nullptr;
+    }
+    (*listener)->setDelegate(delegate);
+    (*listener)->resume();
+    return *listener;
+  }
 
   fs::path root_;
   fs::path runtime_;
@@ -176,11 +185,9 @@ TEST_F(IpcListenerTest, AnswersRequestsOnlyAfterResumeWhileClientsWaitInTheBackl
                                     [answers](Value::Array v) { answers->push(*v[0].string()); });
   // A round trip through another service on the same loop: had the first listener been
   // watched, its connection would have been taken by now.
-  auto other = IpcListener::create("test.other");
-  ASSERT_TRUE(other);
   auto otherDelegate = std::make_shared<TestDelegate>();
-  (*other)->setDelegate(otherDelegate);
-  (*other)->resume();
+  auto other = serve("test.other", otherDelegate);
+  ASSERT_TRUE(other);
   auto otherClient = connectClient("test.other");
   EXPECT_EQ(testing::ipcEcho(otherClient, "meanwhile"), "meanwhile");
   EXPECT_EQ(delegate->offered.size(), 0u);
@@ -195,11 +202,9 @@ TEST_F(IpcListenerTest, AnswersRequestsOnlyAfterResumeWhileClientsWaitInTheBackl
 }
 
 TEST_F(IpcListenerTest, HandsEachConnectionToTheDelegateWithThePeersKernelIdentity) {
-  auto listener = IpcListener::create("test.identity");
-  ASSERT_TRUE(listener);
   auto delegate = std::make_shared<TestDelegate>();
-  (*listener)->setDelegate(delegate);
-  (*listener)->resume();
+  auto listener = serve("test.identity", delegate);
+  ASSERT_TRUE(listener);
   auto first = connectClient("test.identity");
   auto second = connectClient("test.identity");
   EXPECT_EQ(testing::ipcEcho(first, "one"), "one");
@@ -260,7 +265,7 @@ TEST_F(IpcListenerTest, ClosesConnectionsWhenItsDelegateIsGone) {
 
 TEST_F(IpcListenerTest, ReplacesAStaleSocketFileLeftByADeadInstance) {
   ASSERT_TRUE(fs::create_directories(runtime_));
-  makeStaleSocket(servicePath("test.stale"));
+  ::close(makeListeningSocket(servicePath("test.stale")));
   ASSERT_FALSE(IpcConnection::connectToService("test.stale"));  // nobody answers there
 
   CapturingLogSink::Scope log;
@@ -346,7 +351,9 @@ TEST_F(IpcListenerTest, UsesTheSocketSystemdPassedUnderTheServicesName) {
   auto delegate = std::make_shared<TestDelegate>();
   (*listener)->setDelegate(delegate);
   (*listener)->resume();
-  auto client = IpcConnection::adoptSocket(connectRaw(path), "activated client");
+  const int connected = connectRaw(path);
+  ASSERT_GE(connected, 0) << std::strerror(errno);
+  auto client = IpcConnection::adoptSocket(connected, "activated client");
   ASSERT_TRUE(client);
   (*client)->setRemoteInterface(testing::ipcTestInterface());
   (*client)->resume();
@@ -354,13 +361,8 @@ TEST_F(IpcListenerTest, UsesTheSocketSystemdPassedUnderTheServicesName) {
   (*client)->invalidate();
   listener->reset();  // closes the inherited descriptor, leaves systemd's file
   EXPECT_TRUE(fs::exists(path));
-  const int probe = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, path.c_str());
-  EXPECT_NE(::connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  EXPECT_EQ(connectRaw(path), -1);
   EXPECT_EQ(errno, ECONNREFUSED);  // nobody listens any more
-  ::close(probe);
 }
 
 TEST_F(IpcListenerTest, BindsItsOwnSocketWhenTheActivationIsForAnotherProcessOrName) {
@@ -434,16 +436,14 @@ TEST_F(IpcListenerTest, APeerThatHasExitedHasNoEntitlements) {
 
   int release[2];
   ASSERT_EQ(::pipe2(release, O_CLOEXEC), 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strcpy(address.sun_path, servicePath("test.exited").c_str());
+  const sockaddr_un address = unixAddress(servicePath("test.exited"));
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
     // Only async-signal-safe calls here: connect, wait for the word, exit.
     ::close(release[1]);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) _exit(1);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) _exit(1);
     char byte;
     (void)!::read(release[0], &byte, 1);
     _exit(0);

@@ -7,7 +7,7 @@
 namespace daskel::platform {
 namespace {
 
-TEST(Error, MakeErrorStoresTheDescriptionBesideTheExtraKeys) {
+TEST(Error, MakeErrorStoresTheDescriptionBesideTheExtraKeysAndItWinsOverAnExtraOne) {
   ErrorPtr error = makeError("com.example", 7, "It broke.", {{"path", Value("/x")}});
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->domain, "com.example");
@@ -16,16 +16,9 @@ TEST(Error, MakeErrorStoresTheDescriptionBesideTheExtraKeys) {
   EXPECT_EQ(error->userInfo.size(), 2u);
   EXPECT_EQ(error->userInfo.at("path"), Value("/x"));
   EXPECT_EQ(error->userInfo.at(kErrorDescriptionKey), Value("It broke."));
-}
-
-TEST(Error, TheDescriptionArgumentWinsOverAnExtraDescriptionKey) {
-  ErrorPtr error = makeError("d", 1, "given", {{kErrorDescriptionKey, Value("extra")}});
-  EXPECT_EQ(error->localizedDescription(), "given");
-}
-
-TEST(Error, LocalizedDescriptionIsEmptyWithoutADescriptionKey) {
-  Error error{"d", 3, {}};
-  EXPECT_EQ(error.localizedDescription(), "");
+  EXPECT_EQ(
+      makeError("d", 1, "given", {{kErrorDescriptionKey, Value("extra")}})->localizedDescription(),
+      "given");
 }
 
 TEST(Error, DescriptionNamesDomainCodeTextAndUserInfo) {
@@ -37,6 +30,7 @@ TEST(Error, DescriptionNamesDomainCodeTextAndUserInfo) {
 
 TEST(Error, DescriptionWithoutTextSaysWhichErrorItIs) {
   Error error{"com.example", -4, {}};
+  EXPECT_EQ(error.localizedDescription(), "");
   EXPECT_EQ(error.description(),
             "Error Domain=com.example Code=-4 \"The operation couldn't be completed. "
             "(com.example error -4.)\" UserInfo={}");
@@ -54,14 +48,6 @@ TEST(Error, ErrorsCompareByDomainCodeAndUserInfo) {
   EXPECT_EQ(*makeError("d", 1, "x"), *makeError("d", 1, "x"));
   EXPECT_NE(*makeError("d", 1, "x"), *makeError("e", 1, "x"));
   EXPECT_NE(*makeError("d", 1, "x"), *makeError("d", 1, "y"));
-}
-
-TEST(Error, ResultCarriesEitherAValueOrAnError) {
-  Result<int> good = 3;
-  Result<int> bad = failure(makeError("d", 9, "nope"));
-  EXPECT_EQ(*good, 3);
-  ASSERT_FALSE(bad.has_value());
-  EXPECT_EQ(bad.error()->code, 9);
 }
 
 }  // namespace
