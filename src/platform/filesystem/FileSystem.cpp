@@ -38,10 +38,13 @@ constexpr std::string_view kDeletedSuffix = " (deleted)";
 // so this costs three system calls rather than a stat and a readlink per component. nullopt
 // when the path does not entirely exist (a dangling link, a missing tail, a file with a
 // trailing separator), or the answer cannot be trusted (the file was removed meanwhile):
-// the component-wise resolution below then decides, exactly as before.
-std::optional<fs::path> resolvedExistingPath(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+// `openError` then holds open()'s errno (0 when open() succeeded), and the resolution below
+// decides.
+std::optional<std::string> resolvedExistingPath(const char* path, int* openError) {
+  *openError = 0;
+  const int fd = ::open(path, O_PATH | O_CLOEXEC);
   if (fd < 0) {
+    *openError = errno;
     return std::nullopt;
   }
   char link[32];
@@ -56,7 +59,87 @@ std::optional<fs::path> resolvedExistingPath(const std::string& path) {
   if (resolved.ends_with(kDeletedSuffix)) {
     return std::nullopt;
   }
-  return fs::path(resolved);
+  return std::string(resolved);
+}
+
+// The canonical form of `path` when only its tail is missing, as it is for an item that
+// does not exist yet: the nearest ancestor that exists is resolved as above, and the missing
+// names are appended to it. Only for a path of plain names (no "." or "..", which would make
+// the tail's meaning depend on what is missing), and only when the first missing name is
+// absent from that ancestor, so nothing below it can exist either (a dangling symbolic link
+// there is not absent, and is left to the component-wise resolution that follows it).
+// nullopt whenever that does not hold: the component-wise resolution then decides.
+std::optional<std::string> resolvedPathWithMissingTail(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') {
+    path.remove_suffix(1);
+  }
+  // Walk up, one missing name at a time, to the nearest ancestor that opens.
+  std::size_t end = path.size();  // the missing part is path[end..]
+  for (;;) {
+    const std::size_t slash = path.rfind('/', end - 1);
+    if (slash == std::string_view::npos) {
+      return std::nullopt;
+    }
+    const std::string_view name = path.substr(slash + 1, end - slash - 1);
+    if (name == "." || name == "..") {
+      return std::nullopt;
+    }
+    std::size_t headEnd = slash;
+    while (headEnd > 0 && path[headEnd - 1] == '/') {
+      --headEnd;  // "a//b": the head is "a"
+    }
+    if (name.empty()) {  // a doubled separator inside the missing part
+      end = headEnd;
+      continue;
+    }
+    const std::string head(headEnd == 0 ? std::string_view("/") : path.substr(0, headEnd));
+    const int fd = ::open(head.c_str(), O_PATH | O_CLOEXEC);
+    if (fd < 0) {
+      if (errno != ENOENT || headEnd == 0) {
+        return std::nullopt;
+      }
+      end = headEnd;
+      continue;
+    }
+    // `head` exists: `name` must be absent from it, not a dangling link.
+    struct stat st;
+    const std::string firstMissing(name);
+    const bool absent = ::fstatat(fd, firstMissing.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 &&
+                        errno == ENOENT;
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    char buffer[PATH_MAX];
+    const ssize_t length = absent ? ::readlink(link, buffer, sizeof buffer) : -1;
+    ::close(fd);
+    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof buffer || buffer[0] != '/') {
+      return std::nullopt;
+    }
+    const std::string_view resolvedHead(buffer, static_cast<std::size_t>(length));
+    if (resolvedHead.ends_with(kDeletedSuffix)) {
+      return std::nullopt;
+    }
+    std::string result(resolvedHead);
+    // The missing names, with doubled separators collapsed; none is "." or "..".
+    std::size_t start = slash + 1;
+    while (start < path.size()) {
+      std::size_t next = path.find('/', start);
+      if (next == std::string_view::npos) {
+        next = path.size();
+      }
+      const std::string_view part = path.substr(start, next - start);
+      if (part == "." || part == "..") {
+        return std::nullopt;
+      }
+      if (!part.empty()) {
+        if (result.back() != '/') {
+          result.push_back('/');
+        }
+        result.append(part);
+      }
+      start = next + 1;
+    }
+    return result;
+  }
 }
 
 // The canonical form of `path`: weakly_canonical resolves the longest existing prefix and
@@ -64,9 +147,6 @@ std::optional<fs::path> resolvedExistingPath(const std::string& path) {
 // a link, so it is followed here by hand: otherwise "dir/link" with link -> /elsewhere/new
 // would read as inside "dir" while anything created through it lands outside.
 Result<fs::path> resolvedPath(const std::string& path) {
-  if (std::optional<fs::path> existing = resolvedExistingPath(path)) {
-    return std::move(*existing);
-  }
   fs::path current(path);
   for (int hops = 0; hops <= kMaxSymlinkHops; ++hops) {
     std::error_code ec;
@@ -106,18 +186,8 @@ Result<fs::path> resolvedPath(const std::string& path) {
   return failure(posixError(ELOOP, "Could not resolve", path));
 }
 
-// The path's components without a trailing empty one (a trailing separator).
-std::vector<fs::path> components(const fs::path& path) {
-  std::vector<fs::path> result;
-  for (const fs::path& component : path) {
-    if (!component.empty()) {
-      result.push_back(component);
-    }
-  }
-  return result;
-}
-
-Result<std::vector<fs::path>> canonicalComponents(const Url& url) {
+// The URL's path, checked to be an absolute file path that system calls can take.
+Result<std::string> filePath(const Url& url) {
   if (!url.isFileUrl()) {
     return failure(makeError(kPosixErrorDomain, EINVAL, "Not a file URL: " + url.absoluteString(),
                              {{"URL", Value(url)}}));
@@ -130,11 +200,83 @@ Result<std::vector<fs::path>> canonicalComponents(const Url& url) {
                              "Not an absolute file path: " + url.absoluteString(),
                              {{"URL", Value(url)}}));
   }
+  return path;
+}
+
+// The canonical form of an absolute path as text: "/" or "/a/b", never a trailing separator.
+// The cheap resolutions first; the component-wise one for whatever they leave.
+Result<std::string> canonicalPath(const std::string& path) {
+  int openError = 0;
+  if (std::optional<std::string> existing = resolvedExistingPath(path.c_str(), &openError)) {
+    return std::move(*existing);
+  }
+  if (openError == ENOENT) {
+    if (std::optional<std::string> withTail = resolvedPathWithMissingTail(path)) {
+      return std::move(*withTail);
+    }
+  }
   Result<fs::path> resolved = resolvedPath(path);
   if (!resolved) {
     return failure(resolved.error());
   }
-  return components(*resolved);
+  std::string text;
+  for (const fs::path& component : *resolved) {
+    const std::string& part = component.native();
+    if (part.empty() || part == "/") {
+      continue;  // the root (added below) and a trailing separator
+    }
+    text.push_back('/');
+    text.append(part);
+  }
+  return text.empty() ? std::string("/") : text;
+}
+
+// `path` written as its canonical form would be if it is one: doubled and trailing
+// separators removed. nullopt when it has a "." or ".." component, which only resolution
+// can interpret.
+std::optional<std::string> normalizedAbsolutePath(std::string_view path) {
+  std::string result;
+  result.reserve(path.size());
+  std::size_t start = 0;
+  while (start < path.size()) {
+    std::size_t next = path.find('/', start);
+    if (next == std::string_view::npos) {
+      next = path.size();
+    }
+    const std::string_view part = path.substr(start, next - start);
+    if (part == "." || part == "..") {
+      return std::nullopt;
+    }
+    if (!part.empty()) {
+      result.push_back('/');
+      result.append(part);
+    }
+    start = next + 1;
+  }
+  return result.empty() ? std::string("/") : result;
+}
+
+// How the canonical path `directory` relates to the canonical path `item`, component by
+// component (so that "/a/bc" is not inside "/a/b"); `relativePath` as for the public function.
+DirectoryRelationship compareCanonical(const std::string& directory,
+                                       const std::string& item,
+                                       std::string* relativePath) {
+  if (item == directory) {
+    return DirectoryRelationship::Same;
+  }
+  std::size_t restStart;
+  if (directory == "/") {
+    restStart = 1;
+  } else if (item.size() > directory.size() && item.starts_with(directory) &&
+             item[directory.size()] == '/') {
+    restStart = directory.size() + 1;
+  } else {
+    return DirectoryRelationship::Other;
+  }
+  if (relativePath) {
+    relativePath->assign(item, restStart);
+  }
+  return DirectoryRelationship::Contains;
 }
 
 }  // namespace
@@ -200,33 +342,37 @@ Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory
 Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
                                                             const Url& item,
                                                             std::string* relativePath) {
-  auto directoryParts = canonicalComponents(directory);
-  if (!directoryParts) {
-    return failure(directoryParts.error());
+  Result<std::string> directoryPath = filePath(directory);
+  if (!directoryPath) {
+    return failure(directoryPath.error());
   }
-  auto itemParts = canonicalComponents(item);
-  if (!itemParts) {
-    return failure(itemParts.error());
+  Result<std::string> itemPath = filePath(item);
+  if (!itemPath) {
+    return failure(itemPath.error());
   }
-  // Component-wise, so that "/a/bc" is not taken to be inside "/a/b".
-  if (itemParts->size() < directoryParts->size() ||
-      !std::equal(directoryParts->begin(), directoryParts->end(), itemParts->begin())) {
-    return DirectoryRelationship::Other;
+  Result<std::string> canonicalItem = canonicalPath(*itemPath);
+  if (!canonicalItem) {
+    // The directory's failure, when it has one, is the one reported.
+    Result<std::string> canonicalDirectory = canonicalPath(*directoryPath);
+    return failure(canonicalDirectory ? canonicalItem.error() : canonicalDirectory.error());
   }
-  if (itemParts->size() == directoryParts->size()) {
-    return DirectoryRelationship::Same;
-  }
-  if (relativePath) {
-    relativePath->clear();
-    for (auto it = itemParts->begin() + static_cast<std::ptrdiff_t>(directoryParts->size());
-         it != itemParts->end(); ++it) {
-      if (!relativePath->empty()) {
-        relativePath->push_back('/');
-      }
-      relativePath->append(it->native());
+  // The directory usually needs no resolution of its own. Every leading part of a canonical
+  // path is itself canonical; so when the directory, as written, is such a part of the item's
+  // canonical form, it is its own canonical form, and the answer follows from the item's
+  // resolution alone. This is exact, not a guess that could go stale: it is judged on the
+  // item's resolution made just now.
+  if (std::optional<std::string> written = normalizedAbsolutePath(*directoryPath)) {
+    const DirectoryRelationship relationship =
+        compareCanonical(*written, *canonicalItem, relativePath);
+    if (relationship != DirectoryRelationship::Other) {
+      return relationship;
     }
   }
-  return DirectoryRelationship::Contains;
+  Result<std::string> canonicalDirectory = canonicalPath(*directoryPath);
+  if (!canonicalDirectory) {
+    return failure(canonicalDirectory.error());
+  }
+  return compareCanonical(*canonicalDirectory, *canonicalItem, relativePath);
 }
 
 ErrorPtr posixError(int errorNumber, const std::string& what, const std::string& path) {

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <vector>
 
 namespace daskel::platform {
 namespace {
@@ -245,6 +246,172 @@ TEST(DirectoryRelationship, AnItemNotYetPresentInsideIsContains) {
             DirectoryRelationship::Contains);
   EXPECT_EQ(relation(storage, fileUrl(dir / "storage/with space.txt")),
             DirectoryRelationship::Contains);
+}
+
+TEST(DirectoryRelationship, TheRelativePathIsTheResolvedItemBelowTheResolvedDirectory) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "real-storage/real-sub");
+  fs::create_symlink(dir / "real-storage", dir / "storage");
+  fs::create_symlink("real-sub", dir / "real-storage/alias");
+  touch(dir / "real-storage/real-sub/doc.txt");
+  auto relative = [&](const Url& directory, const Url& item) {
+    std::string path = "untouched";
+    auto result = relationshipOfDirectoryToItem(directory, item, &path);
+    EXPECT_TRUE(result.has_value()) << item.absoluteString();
+    EXPECT_EQ(result.value_or(DirectoryRelationship::Other), DirectoryRelationship::Contains)
+        << item.absoluteString();
+    return path;
+  };
+  const Url storage = dirUrl(dir / "storage");
+  // Links on either side are resolved, existing or missing items alike.
+  EXPECT_EQ(relative(storage, fileUrl(dir / "storage/alias/doc.txt")), "real-sub/doc.txt");
+  EXPECT_EQ(relative(storage, fileUrl(dir / "real-storage/alias/new.txt")), "real-sub/new.txt");
+  EXPECT_EQ(relative(storage, fileUrl(dir / "storage/missing/deeper/new.txt")),
+            "missing/deeper/new.txt");
+  EXPECT_EQ(relative(storage, fileUrl(dir / "storage//missing//new.txt")), "missing/new.txt");
+  EXPECT_EQ(relative(storage, dirUrl(dir / "storage/alias")), "real-sub");
+  EXPECT_EQ(relative(dirUrl(dir / "elsewhere/../real-storage/"), fileUrl(dir / "storage/x")),
+            "x");
+
+  // Other and Same leave it alone.
+  std::string path = "untouched";
+  EXPECT_EQ(relationshipOfDirectoryToItem(storage, dirUrl(dir / "real-storage"), &path).value(),
+            DirectoryRelationship::Same);
+  EXPECT_EQ(relationshipOfDirectoryToItem(storage, fileUrl(dir / "other"), &path).value(),
+            DirectoryRelationship::Other);
+  EXPECT_EQ(path, "untouched");
+}
+
+TEST(DirectoryRelationship, AMissingNameBelowAFileIsJudgedLikeAnyMissingName) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage");
+  touch(dir / "storage/file");
+  touch(dir / "outside");
+  const Url storage = dirUrl(dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/file/below")), DirectoryRelationship::Contains);
+  EXPECT_EQ(relation(storage, fileUrl(dir / "outside/below")), DirectoryRelationship::Other);
+}
+
+// The answer follows the file system as it is at the time of each question, also for the
+// same directory URL asked about again after the directory was replaced.
+TEST(DirectoryRelationship, ADirectoryReplacedByAnotherOneIsJudgedAsItIsNow) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage");
+  const Url storage = dirUrl(dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/doc")), DirectoryRelationship::Contains);
+
+  // Moved away, and a new directory made in its place: the moved one is no longer it.
+  fs::rename(dir / "storage", dir / "moved");
+  fs::create_directories(dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "moved/doc")), DirectoryRelationship::Other);
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/doc")), DirectoryRelationship::Contains);
+
+  // Removed and not made again: items written below it are still below it.
+  fs::remove(dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/doc")), DirectoryRelationship::Contains);
+  EXPECT_EQ(relation(storage, dirUrl(dir / "storage")), DirectoryRelationship::Same);
+}
+
+TEST(DirectoryRelationship, ADirectoryReplacedByALinkElsewhereIsJudgedByTheLinksTarget) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage");
+  fs::create_directories(dir / "elsewhere");
+  const Url storage = dirUrl(dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/doc")), DirectoryRelationship::Contains);
+  EXPECT_EQ(relation(storage, fileUrl(dir / "elsewhere/doc")), DirectoryRelationship::Other);
+
+  fs::remove(dir / "storage");
+  fs::create_symlink(dir / "elsewhere", dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "elsewhere/doc")), DirectoryRelationship::Contains);
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/doc")), DirectoryRelationship::Contains);
+  EXPECT_EQ(relation(storage, dirUrl(dir / "elsewhere")), DirectoryRelationship::Same);
+
+  // And back to a directory of its own: what is elsewhere is outside again.
+  fs::remove(dir / "storage");
+  fs::create_directories(dir / "storage");
+  EXPECT_EQ(relation(storage, fileUrl(dir / "elsewhere/doc")), DirectoryRelationship::Other);
+  EXPECT_EQ(relation(storage, fileUrl(dir / "storage/doc")), DirectoryRelationship::Contains);
+}
+
+TEST(DirectoryRelationship, AnItemReplacedByALinkOutsideIsOther) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage/sub");
+  fs::create_directories(dir / "outside");
+  const Url storage = dirUrl(dir / "storage");
+  const Url item = fileUrl(dir / "storage/sub/doc");
+  EXPECT_EQ(relation(storage, item), DirectoryRelationship::Contains);
+  fs::remove(dir / "storage/sub");
+  fs::create_symlink(dir / "outside", dir / "storage/sub");
+  EXPECT_EQ(relation(storage, item), DirectoryRelationship::Other);
+  fs::remove(dir / "storage/sub");
+  fs::create_symlink(dir / "outside/gone", dir / "storage/sub");
+  EXPECT_EQ(relation(storage, item), DirectoryRelationship::Other);
+}
+
+// Without dangling links, the answer and the relative path are those of comparing the
+// weakly canonical forms of both sides component by component, whichever way each side
+// happens to be resolved (existing, missing below an existing ancestor, through links).
+TEST(DirectoryRelationship, AgreesWithComparingWeaklyCanonicalFormsAcrossATreeOfLinks) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage/sub/deeper");
+  fs::create_directories(dir / "outside/inner");
+  touch(dir / "storage/sub/doc.txt");
+  touch(dir / "outside/inner/file");
+  fs::create_symlink("sub", dir / "storage/alias");
+  fs::create_symlink(dir / "outside", dir / "storage/escape");
+  fs::create_symlink("../storage/sub", dir / "outside/back");
+  fs::create_symlink(dir / "storage", dir / "storage-link");
+  fs::create_symlink("storage-link/alias", dir / "chain");
+
+  const std::vector<std::string> directories = {"storage", "storage/sub", "storage-link",
+                                                "chain", "outside", "storage/missing"};
+  const std::vector<std::string> items = {
+      "storage", "storage/sub/doc.txt", "storage/alias/doc.txt", "storage/alias/new/x",
+      "storage/escape/inner/file", "storage/escape/new", "outside/back/doc.txt",
+      "outside/back/new/deeper", "storage-link/sub", "chain/deeper/new.txt", "chain",
+      "storage/missing", "storage/missing/a/b", "storage//sub///deeper/new",
+      "storage/sub/doc.txt/below", "storage/sub/../alias/x", "storage/./sub/new",
+      "outside/missing/../../storage/sub/x", "storagex/sub", dir.path()};
+
+  auto reference = [](const std::string& directory, const std::string& item,
+                      std::string* relative) {
+    auto parts = [](const std::string& path) {
+      std::vector<std::string> result;
+      for (const auto& part : fs::weakly_canonical(path)) {
+        if (!part.empty())
+          result.push_back(part.string());
+      }
+      return result;
+    };
+    const auto d = parts(directory);
+    const auto i = parts(item);
+    if (i.size() < d.size() || !std::equal(d.begin(), d.end(), i.begin()))
+      return DirectoryRelationship::Other;
+    if (i.size() == d.size())
+      return DirectoryRelationship::Same;
+    relative->clear();
+    for (std::size_t k = d.size(); k < i.size(); ++k)
+      *relative += (relative->empty() ? "" : "/") + i[k];
+    return DirectoryRelationship::Contains;
+  };
+
+  for (const std::string& directoryName : directories) {
+    for (const std::string& itemName : items) {
+      const std::string directory = dir / directoryName;
+      const std::string item = itemName.front() == '/' ? itemName : dir / itemName;
+      std::string expectedRelative;
+      const DirectoryRelationship expected = reference(directory, item, &expectedRelative);
+      for (const Url& directoryUrl : {dirUrl(directory), fileUrl(directory)}) {
+        std::string relative;
+        auto result = relationshipOfDirectoryToItem(directoryUrl, fileUrl(item), &relative);
+        ASSERT_TRUE(result.has_value()) << directory << " / " << item;
+        EXPECT_EQ(*result, expected) << directory << " / " << item;
+        if (expected == DirectoryRelationship::Contains) {
+          EXPECT_EQ(relative, expectedRelative) << directory << " / " << item;
+        }
+      }
+    }
+  }
 }
 
 TEST(DirectoryRelationship, TrailingSeparatorsAreIgnored) {
