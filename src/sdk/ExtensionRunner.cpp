@@ -96,6 +96,9 @@ void ExtensionRunner::readControlPackets(ControlState& control,
     }
     control.finishedCondition.notify_all();
   };
+  // One packet per call: the loop's registration is level-triggered, so it calls again at
+  // once while more are waiting, and a lone begin packet costs no extra read that would only
+  // find the socket empty before the loop turns to the request's socket.
   for (;;) {
     auto received = channel->receive();
     if (!received) {
@@ -119,6 +122,7 @@ void ExtensionRunner::readControlPackets(ControlState& control,
       return;
     }
     handleControlMessage(**received, requests, vendor);
+    return;
   }
 }
 
@@ -164,7 +168,7 @@ void ExtensionRunner::handleControlMessage(ControlMessage& message,
 void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
                             const std::shared_ptr<VendorObject>& vendor,
                             const std::string& uuid,
-                            platform::ScopedFd socket) {
+                            platform::ControlMessage::Descriptor socket) {
   {
     std::lock_guard lock(requests->mutex);
     if (requests->open.contains(uuid)) {
@@ -172,14 +176,8 @@ void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
       return;
     }
   }
-  // adoptSocket takes a descriptor of its own (closing it on failure too); `socket` closes
-  // the received one.
-  const int fd = ::fcntl(socket.get(), F_DUPFD_CLOEXEC, 0);
-  if (fd < 0) {
-    DKLogError("Cannot serve request %@: %s", uuid, std::strerror(errno));
-    return;
-  }
-  auto adopted = IpcConnection::adoptSocket(fd, "extension request " + uuid);
+  // adoptSocket owns the descriptor from now on (and closes it on failure too).
+  auto adopted = IpcConnection::adoptSocket(socket.release(), "extension request " + uuid);
   if (!adopted) {
     DKLogError("Cannot serve request %@: %@", uuid, adopted.error());
     return;

@@ -1,10 +1,12 @@
 #include "platform/extensions/ExtensionControlChannel.h"
 
 #include <cbor.h>
+#include <pthread.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -27,6 +29,12 @@ constexpr std::size_t kMaximumPacketSize = 256;
 // A "begin" carries one descriptor; room for a few more so that extras are received (and
 // closed) rather than silently truncated away.
 constexpr std::size_t kMaximumDescriptors = 8;
+
+// Bumped in every forked child, so that per-thread batches of random bytes copied from the
+// parent are not used again (see makeRequestUuid).
+std::atomic<std::uint64_t> forkGeneration{1};
+[[maybe_unused]] const int forkHandlerInstalled = ::pthread_atfork(
+    nullptr, nullptr, [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
 
 ErrorPtr socketError(int errorNumber, const char* what) {
   return makeError(kPosixErrorDomain, errorNumber,
@@ -134,7 +142,7 @@ Result<std::optional<ControlMessage>> ExtensionControlChannel::receive() {
   }
 
   // Take every descriptor first, so that none leaks whatever the verdict on the packet.
-  std::vector<ScopedFd> descriptors;
+  std::vector<ControlMessage::Descriptor> descriptors;
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
        header = CMSG_NXTHDR(&message, header)) {
     if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)
@@ -197,14 +205,31 @@ Result<std::optional<ControlMessage>> ExtensionControlChannel::receive() {
 }
 
 std::string ExtensionControlChannel::makeRequestUuid() {
-  std::array<std::uint8_t, 16> bytes{};
-  std::size_t filled = 0;
-  while (filled < bytes.size()) {
-    const ssize_t n = ::getrandom(bytes.data() + filled, bytes.size() - filled, 0);
-    if (n > 0)
-      filled += static_cast<std::size_t>(n);
-    // EINTR only: getrandom without GRND_NONBLOCK blocks until the pool is ready.
+  // Every UUID takes 16 bytes out of a per-thread batch, refilled from the kernel when it
+  // runs out: one getrandom() per 32 UUIDs rather than per UUID. The bytes are used once. A
+  // forked child's copy of the batch is the parent's too: the child refills before using it.
+  struct RandomBatch {
+    std::array<std::uint8_t, 512> bytes;
+    std::size_t used = sizeof bytes;
+    std::uint64_t forkGeneration = 0;
+  };
+  thread_local RandomBatch batch;
+  const std::uint64_t generation = forkGeneration.load(std::memory_order_relaxed);
+  if (batch.used == batch.bytes.size() || batch.forkGeneration != generation) {
+    batch.forkGeneration = generation;
+    std::size_t filled = 0;
+    while (filled < batch.bytes.size()) {
+      const ssize_t n =
+          ::getrandom(batch.bytes.data() + filled, batch.bytes.size() - filled, 0);
+      if (n > 0)
+        filled += static_cast<std::size_t>(n);
+      // EINTR only: getrandom without GRND_NONBLOCK blocks until the pool is ready.
+    }
+    batch.used = 0;
   }
+  std::array<std::uint8_t, 16> bytes;
+  std::memcpy(bytes.data(), batch.bytes.data() + batch.used, bytes.size());
+  batch.used += bytes.size();
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);  // version 4
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
   static constexpr char kHex[] = "0123456789abcdef";

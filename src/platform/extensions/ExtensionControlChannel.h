@@ -18,6 +18,8 @@
 // wrong, and any descriptor that came with it is closed.
 #pragma once
 
+#include <unistd.h>
+
 #include <optional>
 #include <string>
 
@@ -27,10 +29,46 @@
 namespace daskel::platform {
 
 struct ControlMessage {
+  // A received descriptor, closed with the message unless the receiver takes it with
+  // release(); so a request's socket can be handed to a connection without a duplicate.
+  class Descriptor {
+   public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() { reset(); }
+    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+      if (this != &other) {
+        reset();
+        fd_ = other.release();
+      }
+      return *this;
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return fd_; }
+    bool valid() const { return fd_ >= 0; }
+    // The descriptor, now the caller's to close; -1 when there is none.
+    int release() {
+      const int fd = fd_;
+      fd_ = -1;
+      return fd;
+    }
+    void reset() {
+      if (fd_ >= 0)
+        ::close(fd_);
+      fd_ = -1;
+    }
+
+   private:
+    int fd_ = -1;
+  };
+
   enum class Kind { Ready, Begin, Cancel };
   Kind kind = Kind::Ready;
-  std::string requestUuid;  // Begin and Cancel
-  ScopedFd requestSocket;   // Begin only
+  std::string requestUuid;   // Begin and Cancel
+  Descriptor requestSocket;  // Begin only
 };
 
 class ExtensionControlChannel {
@@ -51,7 +89,8 @@ class ExtensionControlChannel {
   // Blocks for the next packet. nullopt (not an error) when the peer closed the socket.
   Result<std::optional<ControlMessage>> receive();
 
-  // A fresh random request UUID, lower case 8-4-4-4-12.
+  // A fresh random request UUID, lower case 8-4-4-4-12. The random bytes come from the
+  // kernel in batches kept per thread, so most calls make no system call.
   static std::string makeRequestUuid();
   static bool isWellFormedUuid(const std::string& text);
 

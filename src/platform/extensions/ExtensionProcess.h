@@ -57,6 +57,10 @@ class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
     std::chrono::steady_clock::duration stopGrace = std::chrono::seconds(5);
     // Times the two above; Scheduler::real() when null. Not owned; must outlive the process.
     Scheduler* scheduler = nullptr;
+    // The scheduler's time, which lets a supervisor time idleness with one timer at a time
+    // (see ExtensionSupervisor); the steady clock is used when `scheduler` is null. Without
+    // it, a given scheduler times every idle period with a timer of its own.
+    std::function<std::chrono::steady_clock::time_point()> clock;
   };
 
   static Result<std::shared_ptr<ExtensionProcess>> launch(const PluginRecord& record,

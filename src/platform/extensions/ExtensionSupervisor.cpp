@@ -21,6 +21,13 @@ namespace {
 // already seen that; this catches ends the extension handed to a process of its own.
 constexpr auto kOrphanedConnectionGrace = std::chrono::seconds(1);
 
+// What a request connection exports: the host interface has no operations, so no handlers.
+// Read-only, so every request connection shares the one table.
+const std::shared_ptr<IpcHandlerTable>& noHostOperations() {
+  static const auto table = std::make_shared<IpcHandlerTable>();
+  return table;
+}
+
 }  // namespace
 
 class ExtensionSupervisor::RequestContext final : public ExtensionContext {
@@ -47,7 +54,11 @@ ExtensionSupervisor::ExtensionSupervisor(std::shared_ptr<const PluginRecord> rec
       idleTime_(options.idleTime.value_or(std::chrono::seconds(extensionIdleSeconds()))),
       timing_(options.timing),
       completionQueue_(options.completionQueue ? std::move(options.completionQueue)
-                                               : DispatchQueue::global()) {}
+                                               : DispatchQueue::global()),
+      clock_(timing_.clock            ? timing_.clock
+             : timing_.scheduler == nullptr ? std::function<std::chrono::steady_clock::time_point()>(
+                                                  [] { return std::chrono::steady_clock::now(); })
+                                            : nullptr) {}
 
 ExtensionSupervisor::~ExtensionSupervisor() {
   // Nobody can cancel these requests any more, and the process is not needed either.
@@ -145,37 +156,48 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
   ErrorPtr error;
   std::shared_ptr<IpcConnection> connection;
 
+  bool beginSent = false;
   int fds[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
     error = IpcError(IpcErrorCode::ConnectionInvalid,
                      "Cannot open a request to extension " + process->description() +
                          ": socketpair: " + std::strerror(errno));
   } else {
-    ScopedFd extensionEnd(fds[1]);
-    auto adopted = IpcConnection::adoptSocket(
-        fds[0], "request " + uuid + " to extension " + record_->identifier());
-    if (!adopted) {
-      error = adopted.error();
-    } else {
-      connection = std::move(*adopted);
-      connection->setExportedInterface(contextClass_.hostInterface());
-      connection->setExportedObject(std::make_shared<IpcHandlerTable>());
-      connection->setRemoteInterface(contextClass_.vendorInterface());
-      std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
-      connection->setInvalidationHandler([weak, uuid] {
-        if (auto self = weak.lock())
-          self->requestConnectionClosed(uuid);
-      });
-      connection->resume();
+    // The begin packet goes first, so that the extension takes up its end while this side
+    // sets up its connection. Whatever the extension sends meanwhile waits in the socket.
+    {
+      ScopedFd extensionEnd(fds[1]);
       if (auto sent = process->sendBegin(uuid, extensionEnd.get()); !sent) {
         error = IpcError(IpcErrorCode::ConnectionInvalid,
                          "Cannot hand request " + uuid + " to extension " +
-                             process->description() + ": " + sent.error()->localizedDescription());
+                             process->description() + ": " +
+                             sent.error()->localizedDescription());
+      }
+    }
+    if (error) {
+      ::close(fds[0]);
+    } else {
+      beginSent = true;
+      // adoptSocket owns the descriptor from now on, and closes it if it fails.
+      auto adopted = IpcConnection::adoptSocket(
+          fds[0], "request " + uuid + " to extension " + record_->identifier());
+      if (!adopted) {
+        error = adopted.error();
+      } else {
+        connection = std::move(*adopted);
+        connection->setExportedInterface(contextClass_.hostInterface());
+        connection->setExportedObject(noHostOperations());
+        connection->setRemoteInterface(contextClass_.vendorInterface());
+        std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
+        connection->setInvalidationHandler([weak, uuid] {
+          if (auto self = weak.lock())
+            self->requestConnectionClosed(uuid);
+        });
+        connection->resume();
       }
     }
   }
 
-  bool closedAtOnce = false;
   {
     std::lock_guard lock(mutex_);
     if (generation == generation_ && pendingOpens_ > 0)
@@ -190,8 +212,7 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
     if (!error) {
       // A connection closed already has run, or will run, its invalidation handler before
       // the request was known: forget it here instead.
-      closedAtOnce = !connection->isValid();
-      if (closedAtOnce) {
+      if (!connection->isValid()) {
         error = IpcError(IpcErrorCode::ConnectionInterrupted,
                          "Extension " + process->description() + " closed request " + uuid +
                              " as it began");
@@ -204,7 +225,8 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
       scheduleIdleStopIfIdleLocked();
   }
   if (error) {
-    if (closedAtOnce)
+    // The extension has the request (or is about to); tell it that the request is over.
+    if (beginSent)
       (void)process->sendCancel(uuid);
     if (connection)
       connection->invalidate();
@@ -351,6 +373,13 @@ bool ExtensionSupervisor::currentProcessIsIdleLocked() const {
 void ExtensionSupervisor::scheduleIdleStopIfIdleLocked() {
   if (!currentProcessIsIdleLocked())
     return;
+  if (clock_) {
+    // The armed timer, if any, finds this later start of idleness when it fires.
+    idleSince_ = clock_();
+    if (!idleTimerArmed_)
+      armIdleTimerLocked(idleTime_);
+    return;
+  }
   const std::uint64_t token = ++idleToken_;
   const std::uint64_t generation = generation_;
   std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
@@ -361,6 +390,42 @@ void ExtensionSupervisor::scheduleIdleStopIfIdleLocked() {
           self->idleTimeElapsed(generation, token);
       },
       timing_.scheduler);
+}
+
+void ExtensionSupervisor::armIdleTimerLocked(std::chrono::steady_clock::duration delay) {
+  idleTimerArmed_ = true;
+  std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
+  DispatchQueue::global()->after(
+      delay,
+      [weak] {
+        if (auto self = weak.lock())
+          self->idleTimerFired();
+      },
+      timing_.scheduler);
+}
+
+void ExtensionSupervisor::idleTimerFired() {
+  std::shared_ptr<ExtensionProcess> process;
+  {
+    std::lock_guard lock(mutex_);
+    idleTimerArmed_ = false;
+    // Busy (or no process): the next time the process goes idle arms the timer again.
+    if (!currentProcessIsIdleLocked())
+      return;
+    const auto due = idleSince_ + idleTime_;
+    const auto now = clock_();
+    if (now < due) {
+      // Busy for a while since the timer was armed, and idle again since idleSince_.
+      armIdleTimerLocked(due - now);
+      return;
+    }
+    process = std::move(process_);
+    process_.reset();
+    processReady_ = false;
+  }
+  DKLogInfo("Extension %@ has had no request for %ld s; stopping it", *process,
+            static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(idleTime_).count()));
+  process->stop();
 }
 
 void ExtensionSupervisor::idleTimeElapsed(std::uint64_t generation, std::uint64_t token) {

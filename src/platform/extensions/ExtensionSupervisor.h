@@ -11,7 +11,10 @@
 // - A request ends by cancelRequest() ({"cancel": uuid}, then the connection is closed), or
 //   when its connection closes by itself (a cancel is still sent while the process runs).
 // - With no open request for the idle time, the process is stopped (control socket closed,
-//   killed after a grace time if it lingers). The next request starts it again.
+//   killed after a grace time if it lingers). The next request starts it again. When the
+//   scheduler's time is known (the real scheduler, or Timing::clock), one timer at a time
+//   watches for that, re-armed for the rest of the idle time when it finds the process was
+//   busy meanwhile; so a request that ends does not schedule a timer of its own.
 // - When the process dies, its requests are forgotten; their connections see the peer gone,
 //   so proxies' error handlers hear ConnectionInterrupted. The next request relaunches.
 // - Destroying the supervisor stops its process and closes every open request connection.
@@ -33,6 +36,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -110,6 +114,9 @@ class ExtensionSupervisor final : public AppExtension,
   // Starts the idle timer when the current process is ready and serves nothing.
   void scheduleIdleStopIfIdleLocked();
   void idleTimeElapsed(std::uint64_t generation, std::uint64_t token);
+  // With a clock: the one idle timer, armed to fire `delay` from now. Caller holds mutex_.
+  void armIdleTimerLocked(std::chrono::steady_clock::duration delay);
+  void idleTimerFired();
   bool currentProcessIsIdleLocked() const;
 
   const std::shared_ptr<const PluginRecord> record_;
@@ -125,6 +132,10 @@ class ExtensionSupervisor final : public AppExtension,
   std::vector<BeginRequestCompletion> waiters_;  // for process_ to become ready
   std::size_t pendingOpens_ = 0;                 // requests being opened on process_
   std::uint64_t idleToken_ = 0;                  // bumped whenever an idle timer goes stale
+  // The scheduler's time when it is known (else every idle period has a timer of its own).
+  const std::function<std::chrono::steady_clock::time_point()> clock_;
+  bool idleTimerArmed_ = false;                     // with clock_: the one idle timer
+  std::chrono::steady_clock::time_point idleSince_;  // with clock_: when process_ went idle
   std::map<std::string, Request> requests_;
 };
 

@@ -36,7 +36,8 @@ class ExtensionSupervisorTest : public ::testing::Test {
                                        .idleTime = 30s,
                                        .timing = {.readyTimeout = 10s,
                                                   .stopGrace = 5s,
-                                                  .scheduler = &scheduler_}};
+                                                  .scheduler = &scheduler_,
+                                                  .clock = clock_}};
     return ExtensionSupervisor::create(record, options);
   }
 
@@ -87,6 +88,10 @@ class ExtensionSupervisorTest : public ::testing::Test {
   // Shared by all tests and never destroyed: a process reaped at the very end of a test may
   // still schedule a timer on it from the watcher thread.
   static inline ManualScheduler& scheduler_ = *new ManualScheduler();
+  // The scheduler's virtual time, so that supervisors time idleness with one timer at a time.
+  std::function<std::chrono::steady_clock::time_point()> clock_ = [] {
+    return std::chrono::steady_clock::time_point(scheduler_.now());
+  };
   CapturingLogSink::Scope log_;
   std::vector<pid_t> started_;
 };
@@ -263,6 +268,57 @@ TEST_F(ExtensionSupervisorTest, AnIdleExtensionIsStoppedReapedAndStartedAgainOnD
   BeginOutcome again = beginAndWait(*supervisor);
   ASSERT_EQ(again.error, nullptr);
   EXPECT_NE(remember(supervisor->processIdentifier()), pid);
+}
+
+TEST_F(ExtensionSupervisorTest, AnExtensionBusyAgainWithinTheIdleTimeIsStoppedTheIdleTimeAfterItsLastRequest) {
+  auto supervisor = supervisorFor("serve");
+  BeginOutcome first = beginAndWait(*supervisor);
+  ASSERT_EQ(first.error, nullptr);
+  const pid_t pid = remember(supervisor->processIdentifier());
+  supervisor->cancelRequest(first.uuid);  // idle from virtual time 0
+  scheduler_.advance(20s);
+  BeginOutcome second = beginAndWait(*supervisor);
+  ASSERT_EQ(second.error, nullptr);
+  EXPECT_EQ(supervisor->processIdentifier(), pid);
+  supervisor->cancelRequest(second.uuid);  // idle again from 20 s
+  // 30 s after the first idle period began, but only 10 s into the second one. The timer
+  // runs its block on a queue: give a wrong stop the time to show in the log.
+  auto stopLogged = [](const std::vector<CapturingLogSink::Line>& lines) {
+    for (const auto& line : lines) {
+      if (line.message.find("has had no request") != std::string::npos)
+        return true;
+    }
+    return false;
+  };
+  scheduler_.advance(10s);
+  EXPECT_FALSE(log_->waitFor(stopLogged, std::chrono::steady_clock::now() + 300ms));
+  // 49 s: the second idle period is one second short of the idle time.
+  scheduler_.advance(19s);
+  EXPECT_FALSE(log_->waitFor(stopLogged, std::chrono::steady_clock::now() + 300ms));
+  EXPECT_EQ(supervisor->processIdentifier(), pid);
+  EXPECT_EQ(countEvents(bundle_, "control closed"), 0u);
+  scheduler_.advance(1s);
+  ASSERT_TRUE(waitUntil([&] { return processIsGone(pid); }));
+  EXPECT_EQ(countEvents(bundle_, "control closed"), 1u);
+  EXPECT_EQ(supervisor->processIdentifier(), 0);
+}
+
+TEST_F(ExtensionSupervisorTest, ASchedulerWithoutAKnownTimeStillStopsAnIdleExtension) {
+  clock_ = nullptr;  // every idle period gets a timer of its own
+  auto supervisor = supervisorFor("serve");
+  BeginOutcome first = beginAndWait(*supervisor);
+  ASSERT_EQ(first.error, nullptr);
+  const pid_t pid = remember(supervisor->processIdentifier());
+  supervisor->cancelRequest(first.uuid);
+  scheduler_.advance(20s);
+  BeginOutcome second = beginAndWait(*supervisor);
+  ASSERT_EQ(second.error, nullptr);
+  supervisor->cancelRequest(second.uuid);
+  scheduler_.advance(29s);
+  EXPECT_EQ(supervisor->processIdentifier(), pid);
+  scheduler_.advance(1s);
+  ASSERT_TRUE(waitUntil([&] { return processIsGone(pid); }));
+  EXPECT_EQ(supervisor->processIdentifier(), 0);
 }
 
 TEST_F(ExtensionSupervisorTest, AnIdleExtensionThatIgnoresTheClosedControlSocketIsKilled) {
