@@ -94,7 +94,8 @@ Result<std::shared_ptr<IpcConnection>> IpcConnection::make(int fd, Role role, st
   if (!stream) {
     return failure(stream.error());
   }
-  auto token = AuditToken::fromSocket((*stream)->fd());
+  // A client's peer is fixed now, at connect time; an adopted socket's when first asked.
+  auto token = role == Role::Adopted ? std::nullopt : AuditToken::fromSocket((*stream)->fd());
   return std::shared_ptr<IpcConnection>(
       new IpcConnection(std::move(*stream), role, std::move(name), std::move(token)));
 }
@@ -137,7 +138,8 @@ IpcConnection::~IpcConnection() {
 }
 
 std::string IpcConnection::description() const {
-  const std::string peer = auditToken_ ? auditToken_->description() : "an unknown process";
+  const auto& token = auditToken();
+  const std::string peer = token ? token->description() : "an unknown process";
   switch (role_) {
     case Role::Server:
       return "connection from " + peer + " on " + name_;
@@ -551,12 +553,26 @@ void IpcConnection::sendReply(std::uint64_t id,
 
 // ---- identity ----
 
+const std::optional<AuditToken>& IpcConnection::auditToken() const {
+  if (role_ == Role::Adopted) {
+    std::call_once(tokenOnce_, [this] {
+      const int fd = stream_->fd();
+      if (fd >= 0) {
+        auditToken_ = AuditToken::fromSocket(fd);
+      }
+    });
+  }
+  return auditToken_;
+}
+
 pid_t IpcConnection::processIdentifier() const {
-  return auditToken_ ? auditToken_->pid() : 0;
+  const auto& token = auditToken();
+  return token ? token->pid() : 0;
 }
 
 Value IpcConnection::valueForEntitlement(std::string_view key) const {
-  if (!auditToken_ || !auditToken_->isAlive()) {
+  const auto& token = auditToken();
+  if (!token || !token->isAlive()) {
     return Value();
   }
   std::shared_ptr<const IpcIdentityResolver> resolver;
@@ -567,10 +583,10 @@ Value IpcConnection::valueForEntitlement(std::string_view key) const {
   if (!resolver) {
     resolver = IpcIdentityResolver::defaultResolver();
   }
-  Value value = resolver->valueForEntitlement(*auditToken_, key);
+  Value value = resolver->valueForEntitlement(*token, key);
   // The answer is about whoever held the pid while it was read; only a process still alive
   // proves that was the peer.
-  if (!auditToken_->isAlive()) {
+  if (!token->isAlive()) {
     return Value();
   }
   return value;

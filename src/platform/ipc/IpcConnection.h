@@ -139,7 +139,9 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // The peer's pid as the kernel reported it at connect/accept time, 0 without one.
   pid_t processIdentifier() const;
   // The peer's identity, fixed at connect/accept time; nullopt when the kernel gave none.
-  const std::optional<AuditToken>& auditToken() const { return auditToken_; }
+  // A connection on an adopted socket (adoptSocket: a request socket between the daemon and
+  // its own extension) reads its peer when first asked, as nothing asks on most of them.
+  const std::optional<AuditToken>& auditToken() const;
   // The peer's entitlement `key`, looked up now; null when it has none or has exited.
   Value valueForEntitlement(std::string_view key) const;
 
@@ -212,7 +214,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
 
   const Role role_;
   const std::string name_;
-  const std::optional<AuditToken> auditToken_;
+  // Fixed at connect or accept time; for an adopted socket, when auditToken() is first
+  // called (tokenOnce_).
+  mutable std::optional<AuditToken> auditToken_;
+  mutable std::once_flag tokenOnce_;
   const std::shared_ptr<IpcStream> stream_;
   const std::shared_ptr<DispatchQueue> queue_;
 
