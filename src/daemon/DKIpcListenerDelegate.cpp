@@ -12,7 +12,9 @@ bool DKIpcListenerDelegate::shouldAcceptNewConnection(
     std::shared_ptr<platform::IpcConnection> connection) {
   // DKDaemonInterface() carries the one widening: the providers reply's dictionary may hold
   // dictionaries, strings and URLs at any depth.
-  connection->setExportedInterface(DKDaemonInterface());
+  static const auto daemonInterface =
+      std::make_shared<const platform::IpcInterface>(DKDaemonInterface());
+  connection->setExportedInterface(daemonInterface);
 
   std::shared_ptr<DKServer> server = server_.lock();
   if (server != nullptr) {

@@ -177,15 +177,24 @@ void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
     }
   }
   // adoptSocket owns the descriptor from now on (and closes it on failure too).
-  auto adopted = IpcConnection::adoptSocket(socket.release(), "extension request " + uuid);
+  // Received close-on-exec (MSG_CMSG_CLOEXEC), one end of the daemon's blocking socketpair.
+  // Were it nonblocking after all, a blocking caller would poll before reading: nothing
+  // depends on the flag being as stated.
+  auto adopted = IpcConnection::adoptSocket(socket.release(), "extension request " + uuid,
+                                            /*alreadyBlockingCloseOnExec=*/true);
   if (!adopted) {
     DKLogError("Cannot serve request %@: %@", uuid, adopted.error());
     return;
   }
   std::shared_ptr<IpcConnection> connection = std::move(*adopted);
-  connection->setExportedInterface(DKVendorProtocolInterface());
+  // Built once for every request connection of the process.
+  static const auto vendorInterface =
+      std::make_shared<const platform::IpcInterface>(DKVendorProtocolInterface());
+  static const auto hostInterface =
+      std::make_shared<const platform::IpcInterface>(DKHostProtocolInterface());
+  connection->setExportedInterface(vendorInterface);
   connection->setExportedObject(vendor);
-  connection->setRemoteInterface(DKHostProtocolInterface());
+  connection->setRemoteInterface(hostInterface);
   std::weak_ptr<Requests> weakRequests = requests;
   std::weak_ptr<IpcConnection> weakConnection = connection;
   connection->setInvalidationHandler([weakRequests, weakConnection, uuid] {

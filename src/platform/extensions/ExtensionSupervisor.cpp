@@ -51,6 +51,8 @@ ExtensionSupervisor::ExtensionSupervisor(std::shared_ptr<const PluginRecord> rec
                                          ExtensionSupervisorOptions options)
     : record_(std::move(record)),
       contextClass_(std::move(options.contextClass)),
+      hostInterface_(std::make_shared<const IpcInterface>(contextClass_.hostInterface())),
+      vendorInterface_(std::make_shared<const IpcInterface>(contextClass_.vendorInterface())),
       idleTime_(options.idleTime.value_or(std::chrono::seconds(extensionIdleSeconds()))),
       timing_(options.timing),
       completionQueue_(options.completionQueue ? std::move(options.completionQueue)
@@ -179,15 +181,17 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
     } else {
       beginSent = true;
       // adoptSocket owns the descriptor from now on, and closes it if it fails.
+      // The socketpair above is blocking and close-on-exec.
       auto adopted = IpcConnection::adoptSocket(
-          fds[0], "request " + uuid + " to extension " + record_->identifier());
+          fds[0], "request " + uuid + " to extension " + record_->identifier(),
+          /*alreadyBlockingCloseOnExec=*/true);
       if (!adopted) {
         error = adopted.error();
       } else {
         connection = std::move(*adopted);
-        connection->setExportedInterface(contextClass_.hostInterface());
+        connection->setExportedInterface(hostInterface_);
         connection->setExportedObject(noHostOperations());
-        connection->setRemoteInterface(contextClass_.vendorInterface());
+        connection->setRemoteInterface(vendorInterface_);
         std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
         connection->setInvalidationHandler([weak, uuid] {
           if (auto self = weak.lock())

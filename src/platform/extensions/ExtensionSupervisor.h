@@ -121,6 +121,9 @@ class ExtensionSupervisor final : public AppExtension,
 
   const std::shared_ptr<const PluginRecord> record_;
   const ExtensionContextClass contextClass_;
+  // The context class's interfaces, built once and shared by every request connection.
+  const std::shared_ptr<const IpcInterface> hostInterface_;
+  const std::shared_ptr<const IpcInterface> vendorInterface_;
   const std::chrono::steady_clock::duration idleTime_;
   const ExtensionProcess::Timing timing_;
   const std::shared_ptr<DispatchQueue> completionQueue_;

@@ -82,15 +82,20 @@ Result<std::shared_ptr<IpcConnection>> IpcConnection::connectToService(
                                            : "cannot connect to service " + serviceName + " (") +
                                 path + ": " + std::strerror(error) + ")"));
   }
-  return make(fd, Role::Client, serviceName);
+  // socket() above made it blocking and close-on-exec.
+  return make(fd, Role::Client, serviceName, /*alreadyBlockingCloseOnExec=*/true);
 }
 
-Result<std::shared_ptr<IpcConnection>> IpcConnection::adoptSocket(int fd, std::string name) {
-  return make(fd, Role::Adopted, std::move(name));
+Result<std::shared_ptr<IpcConnection>> IpcConnection::adoptSocket(
+    int fd, std::string name, bool alreadyBlockingCloseOnExec) {
+  return make(fd, Role::Adopted, std::move(name), alreadyBlockingCloseOnExec);
 }
 
-Result<std::shared_ptr<IpcConnection>> IpcConnection::make(int fd, Role role, std::string name) {
-  auto stream = IpcStream::adopt(fd);
+Result<std::shared_ptr<IpcConnection>> IpcConnection::make(int fd,
+                                                           Role role,
+                                                           std::string name,
+                                                           bool alreadyBlockingCloseOnExec) {
+  auto stream = IpcStream::adopt(fd, alreadyBlockingCloseOnExec);
   if (!stream) {
     return failure(stream.error());
   }
@@ -154,9 +159,12 @@ std::string IpcConnection::description() const {
 // ---- configuration ----
 
 void IpcConnection::setExportedInterface(IpcInterface interface) {
-  auto shared = std::make_shared<const IpcInterface>(std::move(interface));
+  setExportedInterface(std::make_shared<const IpcInterface>(std::move(interface)));
+}
+
+void IpcConnection::setExportedInterface(std::shared_ptr<const IpcInterface> interface) {
   std::lock_guard lock(mutex_);
-  exportedInterface_ = std::move(shared);
+  exportedInterface_ = std::move(interface);
 }
 
 void IpcConnection::setExportedObject(std::shared_ptr<IpcExportedObject> object) {
@@ -170,9 +178,12 @@ void IpcConnection::setExportedObject(std::shared_ptr<IpcExportedObject> object)
 }
 
 void IpcConnection::setRemoteInterface(IpcInterface interface) {
-  auto shared = std::make_shared<const IpcInterface>(std::move(interface));
+  setRemoteInterface(std::make_shared<const IpcInterface>(std::move(interface)));
+}
+
+void IpcConnection::setRemoteInterface(std::shared_ptr<const IpcInterface> interface) {
   std::lock_guard lock(mutex_);
-  remoteInterface_ = std::move(shared);
+  remoteInterface_ = std::move(interface);
 }
 
 std::shared_ptr<IpcRemoteProxy> IpcConnection::remoteObjectProxyWithErrorHandler(

@@ -99,7 +99,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
 
   // Wraps the connected Unix stream socket `fd` (owned from now on, closed on failure too).
   // `name` says what the connection is for, in log lines.
-  static Result<std::shared_ptr<IpcConnection>> adoptSocket(int fd, std::string name);
+  // `alreadyBlockingCloseOnExec`: see IpcStream::adopt.
+  static Result<std::shared_ptr<IpcConnection>> adoptSocket(int fd,
+                                                            std::string name,
+                                                            bool alreadyBlockingCloseOnExec = false);
 
   ~IpcConnection();
   IpcConnection(const IpcConnection&) = delete;
@@ -111,8 +114,12 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   std::string description() const;
 
   void setExportedInterface(IpcInterface interface);
+  // The same for an interface shared by many connections (one request socket each, say),
+  // which is then not copied per connection.
+  void setExportedInterface(std::shared_ptr<const IpcInterface> interface);
   void setExportedObject(std::shared_ptr<IpcExportedObject> object);
   void setRemoteInterface(IpcInterface interface);
+  void setRemoteInterface(std::shared_ptr<const IpcInterface> interface);
 
   // A proxy of the peer's exported object. The error handler may be empty.
   std::shared_ptr<IpcRemoteProxy> remoteObjectProxyWithErrorHandler(
@@ -169,7 +176,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
       std::shared_ptr<IpcStream> stream,
       std::string serviceName,
       std::shared_ptr<const IpcIdentityResolver> resolver);
-  static Result<std::shared_ptr<IpcConnection>> make(int fd, Role role, std::string name);
+  static Result<std::shared_ptr<IpcConnection>> make(int fd,
+                                                     Role role,
+                                                     std::string name,
+                                                     bool alreadyBlockingCloseOnExec = false);
 
   IpcConnection(std::shared_ptr<IpcStream> stream,
                 Role role,

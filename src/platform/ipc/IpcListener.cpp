@@ -104,7 +104,7 @@ void IpcListener::handleReadable() {
       return;
     }
     for (int round = 0; round < kAcceptsPerWakeup; ++round) {
-      const int fd = ::accept4(socket_.fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      const int fd = ::accept4(socket_.fd(), nullptr, nullptr, SOCK_CLOEXEC);
       if (fd >= 0) {
         accepted.push_back(fd);
         continue;
@@ -135,7 +135,7 @@ void IpcListener::handleReadable() {
     });
   }
   for (int fd : accepted) {
-    auto stream = IpcStream::adopt(fd);
+    auto stream = IpcStream::adopt(fd, /*alreadyBlockingCloseOnExec=*/true);
     if (!stream) {
       DKLogError("Service %s cannot use a new connection: %s", serviceName_,
                  stream.error()->localizedDescription());

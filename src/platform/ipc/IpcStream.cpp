@@ -46,7 +46,13 @@ Result<void> makeBlockingCloexec(int fd) {
 
 }  // namespace
 
-Result<std::shared_ptr<IpcStream>> IpcStream::adopt(int fd) {
+Result<std::shared_ptr<IpcStream>> IpcStream::adopt(int fd, bool alreadyBlockingCloseOnExec) {
+  if (fd < 0) {
+    return failure(IpcError(IpcErrorCode::ConnectionInvalid, "no socket to adopt"));
+  }
+  if (alreadyBlockingCloseOnExec) {
+    return std::shared_ptr<IpcStream>(new IpcStream(fd));
+  }
   if (auto made = makeBlockingCloexec(fd); !made) {
     ::close(fd);
     return failure(made.error());

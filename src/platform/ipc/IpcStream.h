@@ -84,7 +84,10 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
 
   // Takes ownership of the connected socket `fd` (closed on failure too) and makes it
   // blocking and close-on-exec (the loop's reads and writes never block: see above).
-  static Result<std::shared_ptr<IpcStream>> adopt(int fd);
+  // `alreadyBlockingCloseOnExec`: the caller made it so (socketpair or accept4 with
+  // SOCK_CLOEXEC and without SOCK_NONBLOCK, a descriptor received with MSG_CMSG_CLOEXEC from
+  // such a socketpair), which spares checking its flags.
+  static Result<std::shared_ptr<IpcStream>> adopt(int fd, bool alreadyBlockingCloseOnExec = false);
 
   ~IpcStream();
   IpcStream(const IpcStream&) = delete;
