@@ -268,6 +268,9 @@ void ExtensionSupervisor::cancelRequest(const std::string& requestUuid) {
   }
   if (auto process = request.process.lock())
     (void)process->sendCancel(requestUuid);
+  // The request is forgotten already: its connection has nothing left to report, and with no
+  // handler its close costs no hand-off to the connection's queue.
+  request.connection->setInvalidationHandler(nullptr);
   request.connection->invalidate();
 }
 

@@ -283,6 +283,13 @@ void IpcConnection::close(ErrorPtr error, Cause cause, std::optional<std::string
       proxies.push_back(entry.proxy);
     }
   }
+  if (pending.empty() && !invalidationHandler &&
+      (cause != Cause::PeerClosed || !interruptionHandler) &&
+      (!exportedObject || exportedObject.use_count() > 1)) {
+    // Nobody to tell and nothing that would be destroyed here (an exported object shared
+    // with other connections only loses one owner): no hand-off to the queue.
+    return;
+  }
   queue_->async([proxies = std::move(proxies), error, cause,
                  interruptionHandler = std::move(interruptionHandler),
                  invalidationHandler = std::move(invalidationHandler),

@@ -29,7 +29,9 @@
 // Closing: invalidate() (idempotent), the peer closing or dying, or a refusal close the
 // socket at once; then, on the connection's queue, each proxy with replies outstanding hears
 // once through its error handler (see IpcRemoteProxy), and the connection's handlers run.
-// Outstanding reply handlers are dropped uncalled, the exported object is released.
+// Outstanding reply handlers are dropped uncalled, the exported object is released. A close
+// with nobody to tell (no reply outstanding, no handler to run) and no last owner of an
+// exported object to release skips the queue altogether.
 //
 // Ownership: after resume() the connection keeps itself alive until it closes, whether or
 // not anybody else holds it (the daemon keeps no list of its connections); a connection
