@@ -168,7 +168,7 @@ void ExtensionRunner::handleControlMessage(ControlMessage& message,
 void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
                             const std::shared_ptr<VendorObject>& vendor,
                             const std::string& uuid,
-                            platform::ControlMessage::Descriptor socket) {
+                            platform::ScopedFd socket) {
   {
     std::lock_guard lock(requests->mutex);
     if (requests->open.contains(uuid)) {

@@ -80,7 +80,7 @@ class ExtensionRunner {
   static void begin(const std::shared_ptr<Requests>& requests,
                     const std::shared_ptr<VendorObject>& vendor,
                     const std::string& uuid,
-                    platform::ControlMessage::Descriptor socket);
+                    platform::ScopedFd socket);
   static void cancel(Requests& requests, const std::string& uuid);
   void closeAll();
 

@@ -142,7 +142,7 @@ Result<std::optional<ControlMessage>> ExtensionControlChannel::receive() {
   }
 
   // Take every descriptor first, so that none leaks whatever the verdict on the packet.
-  std::vector<ControlMessage::Descriptor> descriptors;
+  std::vector<ScopedFd> descriptors;
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr;
        header = CMSG_NXTHDR(&message, header)) {
     if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS)

@@ -29,46 +29,12 @@
 namespace daskel::platform {
 
 struct ControlMessage {
-  // A received descriptor, closed with the message unless the receiver takes it with
-  // release(); so a request's socket can be handed to a connection without a duplicate.
-  class Descriptor {
-   public:
-    Descriptor() = default;
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { reset(); }
-    Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-      if (this != &other) {
-        reset();
-        fd_ = other.release();
-      }
-      return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    // The descriptor, now the caller's to close; -1 when there is none.
-    int release() {
-      const int fd = fd_;
-      fd_ = -1;
-      return fd;
-    }
-    void reset() {
-      if (fd_ >= 0)
-        ::close(fd_);
-      fd_ = -1;
-    }
-
-   private:
-    int fd_ = -1;
-  };
-
   enum class Kind { Ready, Begin, Cancel };
   Kind kind = Kind::Ready;
   std::string requestUuid;   // Begin and Cancel
-  Descriptor requestSocket;  // Begin only
+  // Begin only. Closed with the message unless the receiver takes it with release(), so a
+  // request's socket can be handed to a connection without a duplicate.
+  ScopedFd requestSocket;
 };
 
 class ExtensionControlChannel {

@@ -33,6 +33,31 @@ std::string errnoText(int errorNumber) {
 // What the kernel appends to the name of an open file that has since been unlinked.
 constexpr std::string_view kDeletedSuffix = " (deleted)";
 
+// Appends the components of `path` to `result`, each after one separator (none doubled,
+// empty components dropped). False when one is "." or "..", which only resolution can
+// interpret.
+bool appendNormalizedComponents(std::string& result, std::string_view path) {
+  std::size_t start = 0;
+  while (start < path.size()) {
+    std::size_t next = path.find('/', start);
+    if (next == std::string_view::npos) {
+      next = path.size();
+    }
+    const std::string_view part = path.substr(start, next - start);
+    if (part == "." || part == "..") {
+      return false;
+    }
+    if (!part.empty()) {
+      if (result.empty() || result.back() != '/') {
+        result.push_back('/');
+      }
+      result.append(part);
+    }
+    start = next + 1;
+  }
+  return true;
+}
+
 // The canonical form of `path` when all of it exists (the usual case): the kernel resolves
 // every component and symbolic link in one open(), and /proc/self/fd names where it ended,
 // so this costs three system calls rather than a stat and a readlink per component. nullopt
@@ -119,24 +144,9 @@ std::optional<std::string> resolvedPathWithMissingTail(std::string_view path) {
       return std::nullopt;
     }
     std::string result(resolvedHead);
-    // The missing names, with doubled separators collapsed; none is "." or "..".
-    std::size_t start = slash + 1;
-    while (start < path.size()) {
-      std::size_t next = path.find('/', start);
-      if (next == std::string_view::npos) {
-        next = path.size();
-      }
-      const std::string_view part = path.substr(start, next - start);
-      if (part == "." || part == "..") {
-        return std::nullopt;
-      }
-      if (!part.empty()) {
-        if (result.back() != '/') {
-          result.push_back('/');
-        }
-        result.append(part);
-      }
-      start = next + 1;
+    // The missing names; none may be "." or "..".
+    if (!appendNormalizedComponents(result, path.substr(slash + 1))) {
+      return std::nullopt;
     }
     return result;
   }
@@ -237,21 +247,8 @@ Result<std::string> canonicalPath(const std::string& path) {
 std::optional<std::string> normalizedAbsolutePath(std::string_view path) {
   std::string result;
   result.reserve(path.size());
-  std::size_t start = 0;
-  while (start < path.size()) {
-    std::size_t next = path.find('/', start);
-    if (next == std::string_view::npos) {
-      next = path.size();
-    }
-    const std::string_view part = path.substr(start, next - start);
-    if (part == "." || part == "..") {
-      return std::nullopt;
-    }
-    if (!part.empty()) {
-      result.push_back('/');
-      result.append(part);
-    }
-    start = next + 1;
+  if (!appendNormalizedComponents(result, path)) {
+    return std::nullopt;
   }
   return result.empty() ? std::string("/") : result;
 }

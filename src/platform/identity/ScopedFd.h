@@ -28,6 +28,8 @@ class ScopedFd {
 
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
+  // The descriptor, now the caller's to close; -1 when there is none.
+  int release() { return std::exchange(fd_, -1); }
   void reset() {
     if (fd_ >= 0)
       ::close(fd_);
