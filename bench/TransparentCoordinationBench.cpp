@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +26,7 @@
 #include "BenchSummary.h"
 #include "ScriptedExtensionBundle.h"
 #include "helpers/DaemonFixture.h"
+#include "platform/testing/MountTable.h"
 
 namespace daskel::bench {
 namespace {
@@ -50,25 +50,7 @@ bool fanotifyPermissionEventsAvailable() {
 }
 
 bool isMounted(const std::string& path) {
-  std::ifstream in("/proc/self/mountinfo");
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream fields(line);
-    std::string field;
-    for (int i = 0; i < 5; ++i)
-      fields >> field;
-    std::string decoded;
-    for (std::size_t i = 0; i < field.size(); ++i) {
-      if (field[i] == '\\' && i + 3 < field.size()) {
-        decoded += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
-        i += 3;
-      } else {
-        decoded += field[i];
-      }
-    }
-    if (decoded == path)
-      return true;
-  }
-  return false;
+  return platform::testing::mountsAt(path) > 0;
 }
 
 // One open + read to the end + close; microseconds. Aborts the run on a failed open.

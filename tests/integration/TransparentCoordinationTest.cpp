@@ -32,6 +32,7 @@
 #include "ScriptedExtensionBundle.h"
 #include "helpers/DaemonFixture.h"
 #include "helpers/SpawnedProcess.h"
+#include "platform/testing/MountTable.h"
 #include "platform/url/Url.h"
 
 namespace daskel::testing {
@@ -39,6 +40,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using platform::testing::mountsAt;
 
 constexpr char kLocalFolder[] = "com.example.daskel.local-folder-provider";
 constexpr char kLocalFolderGroup[] = "group.com.example.daskel.local-folder";
@@ -57,30 +59,6 @@ std::string readFile(const std::string& path) {
 
 std::string fileUrl(const std::string& path) {
   return platform::Url::fileUrlWithPath(path, false)->absoluteString();
-}
-
-// How many mounts have `path` as their mount point (/proc/self/mountinfo writes a space as
-// \040).
-int mountsAt(const std::string& path) {
-  std::ifstream in("/proc/self/mountinfo");
-  int count = 0;
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream fields(line);
-    std::string field;
-    for (int i = 0; i < 5; ++i)
-      fields >> field;
-    std::string decoded;
-    for (std::size_t i = 0; i < field.size(); ++i) {
-      if (field[i] == '\\' && i + 3 < field.size()) {
-        decoded += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
-        i += 3;
-      } else {
-        decoded += field[i];
-      }
-    }
-    count += decoded == path ? 1 : 0;
-  }
-  return count;
 }
 
 pid_t parentOf(pid_t pid) {

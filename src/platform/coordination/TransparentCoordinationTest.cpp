@@ -2,6 +2,7 @@
 // (/bin/cat, /bin/sh), against a hand-written provider whose answers the test controls. This
 // process plays the daemon, so its own opens are let through; the readers are its children.
 #include "platform/coordination/TransparentCoordination.h"
+#include "platform/testing/MountTable.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -36,6 +37,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using testing::mountsAt;
 
 constexpr auto kDeadline = 20s;
 
@@ -58,30 +60,6 @@ bool waitUntil(const std::function<bool()>& condition) {
     std::this_thread::sleep_for(2ms);
   }
   return true;
-}
-
-// How many mounts have `path` as their mount point, from /proc/self/mountinfo (the fifth
-// field, with spaces and such written as \ooo).
-int mountsAt(const std::string& path) {
-  std::ifstream in("/proc/self/mountinfo");
-  int count = 0;
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream fields(line);
-    std::string field;
-    for (int i = 0; i < 5; ++i)
-      fields >> field;
-    std::string decoded;
-    for (std::size_t i = 0; i < field.size(); ++i) {
-      if (field[i] == '\\' && i + 3 < field.size()) {
-        decoded += static_cast<char>(std::stoi(field.substr(i + 1, 3), nullptr, 8));
-        i += 3;
-      } else {
-        decoded += field[i];
-      }
-    }
-    count += decoded == path ? 1 : 0;
-  }
-  return count;
 }
 
 // A child process with its output in files; killed and reaped by the destructor.
