@@ -10,8 +10,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace daskel::bench {
@@ -56,6 +59,50 @@ inline void blockTerminationSignals() {
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// For closed-loop clients: blocks SIGUSR1, the start signal. Call before starting any thread
+// and before saying "ready", so the signal is never lost.
+inline void blockStartSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// "error <what>" to the benchmark; the helper's exit status.
+inline int fail(const std::string& what) {
+  say("error " + what);
+  return 1;
+}
+
+// A closed-loop client's run: says "ready", waits for SIGUSR1, then makes one request after
+// the other for `duration` and says "done <replies> <nanoseconds>". `request(n)` makes the
+// n-th request and returns nothing, or why it failed (then "error request <n>: <why>" and
+// status 1).
+inline int runClosedLoop(std::chrono::steady_clock::duration duration,
+                         const std::function<std::optional<std::string>(long)>& request) {
+  using Clock = std::chrono::steady_clock;
+  say("ready");
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR1);
+  int signal = 0;
+  sigwait(&set, &signal);
+  long replies = 0;
+  const auto start = Clock::now();
+  const auto end = start + duration;
+  Clock::time_point now = start;
+  while (now < end) {
+    if (auto failure = request(replies)) {
+      return fail("request " + std::to_string(replies) + ": " + *failure);
+    }
+    ++replies;
+    now = Clock::now();
+  }
+  say("done " + std::to_string(replies) + " " +
+      std::to_string(std::chrono::nanoseconds(now - start).count()));
+  return 0;
 }
 
 }  // namespace daskel::bench

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "client/DKDaemonClient.h"
@@ -26,49 +27,22 @@ using Clock = std::chrono::steady_clock;
 using daskel::DKDaemonClient;
 using daskel::platform::ErrorPtr;
 
-int fail(const std::string& what) {
-  daskel::bench::say("error " + what);
-  return 1;
-}
-
-void waitForStart() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGUSR1);
-  int signal = 0;
-  sigwait(&set, &signal);
-}
-
 int runLoop(DKDaemonClient& client,
             const std::function<ErrorPtr(DKDaemonClient&)>& request,
             Clock::duration duration) {
-  daskel::bench::say("ready");
-  waitForStart();
-  long replies = 0;
-  const auto start = Clock::now();
-  const auto end = start + duration;
-  Clock::time_point now = start;
-  while (now < end) {
+  return daskel::bench::runClosedLoop(duration, [&](long) -> std::optional<std::string> {
     if (const ErrorPtr error = request(client)) {
-      return fail("request " + std::to_string(replies) + ": " + error->description());
+      return error->description();
     }
-    ++replies;
-    now = Clock::now();
-  }
-  daskel::bench::say("done " + std::to_string(replies) + " " +
-                     std::to_string(std::chrono::nanoseconds(now - start).count()));
-  return 0;
+    return std::nullopt;
+  });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   daskel::bench::prepareHelperProcess();
-  // Blocked before any thread starts and before "ready", so the start signal is never lost.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGUSR1);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  daskel::bench::blockStartSignal();
   daskel::platform::setLogLevels(
       {daskel::platform::kLogError, daskel::platform::kLogError, daskel::platform::kLogError});
 
@@ -84,7 +58,7 @@ int main(int argc, char** argv) {
   const auto duration = std::chrono::milliseconds(std::atol(argv[argc - 1]));
   auto client = DKDaemonClient::connect();
   if (!client) {
-    return fail(client.error()->description());
+    return daskel::bench::fail(client.error()->description());
   }
   if (wakeUp) {
     return runLoop(
@@ -92,7 +66,7 @@ int main(int argc, char** argv) {
   }
   auto url = daskel::platform::Url::fileUrlWithPath(argv[2], false);
   if (!url) {
-    return fail(std::string("not a path: ") + argv[2]);
+    return daskel::bench::fail(std::string("not a path: ") + argv[2]);
   }
   const std::string provider = argv[3];
   const std::string consumer = argv[4];

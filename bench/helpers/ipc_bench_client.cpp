@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -70,87 +71,50 @@ bool readExactly(int fd, std::uint8_t* buffer, std::size_t size) {
   return true;
 }
 
-void waitForStart() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGUSR1);
-  int signal = 0;
-  sigwait(&set, &signal);
-}
-
-int fail(const std::string& what) {
-  daskel::bench::say("error " + what);
-  return 1;
-}
-
 int runRaw(const std::string& path, Clock::duration duration) {
   const int fd = connectTo(path);
   if (fd < 0) {
-    return fail("cannot connect to " + path + ": " + std::strerror(errno));
+    return daskel::bench::fail("cannot connect to " + path + ": " + std::strerror(errno));
   }
   const auto request = daskel::bench::ipcBenchRequestFrame();
   const auto expected = daskel::bench::ipcBenchReplyFrame();
   std::vector<std::uint8_t> reply(expected.size());
-  daskel::bench::say("ready");
-  waitForStart();
-  long replies = 0;
-  const auto start = Clock::now();
-  const auto end = start + duration;
-  Clock::time_point now = start;
-  while (now < end) {
+  const int status = daskel::bench::runClosedLoop(duration, [&](long) -> std::optional<std::string> {
     if (!writeAll(fd, request) || !readExactly(fd, reply.data(), reply.size())) {
-      return fail("the connection to " + path + " ended after " + std::to_string(replies) +
-                  " replies");
+      return "the connection to " + path + " ended";
     }
     if (reply != expected) {
-      return fail("reply " + std::to_string(replies) + " differs from the expected bytes");
+      return std::string("the reply differs from the expected bytes");
     }
-    ++replies;
-    now = Clock::now();
-  }
-  daskel::bench::say("done " + std::to_string(replies) + " " +
-                     std::to_string(std::chrono::nanoseconds(now - start).count()));
+    return std::nullopt;
+  });
   ::close(fd);
-  return 0;
+  return status;
 }
 
 int runLibrary(const std::string& service, Clock::duration duration) {
   auto client = daskel::DaskelClient::connect(service, daskel::bench::ipcBenchInterface());
   if (!client) {
-    return fail((*client.error()).description());
+    return daskel::bench::fail((*client.error()).description());
   }
   const daskel::platform::Value payload(daskel::bench::kIpcBenchPayload);
-  daskel::bench::say("ready");
-  waitForStart();
-  long replies = 0;
-  const auto start = Clock::now();
-  const auto end = start + duration;
-  Clock::time_point now = start;
-  while (now < end) {
+  return daskel::bench::runClosedLoop(duration, [&](long) -> std::optional<std::string> {
     auto reply = (*client)->callAndWait(daskel::bench::kIpcBenchEcho, {payload});
     if (!reply) {
-      return fail(reply.error()->description());
+      return reply.error()->description();
     }
     if (reply->size() != 1 || (*reply)[0] != payload) {
-      return fail("reply " + std::to_string(replies) + " is not the string sent");
+      return std::string("the reply is not the string sent");
     }
-    ++replies;
-    now = Clock::now();
-  }
-  daskel::bench::say("done " + std::to_string(replies) + " " +
-                     std::to_string(std::chrono::nanoseconds(now - start).count()));
-  return 0;
+    return std::nullopt;
+  });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   daskel::bench::prepareHelperProcess();
-  // Blocked before any thread starts and before "ready", so the start signal is never lost.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGUSR1);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  daskel::bench::blockStartSignal();
   if (argc != 4) {
     std::fprintf(stderr, "usage: ipc_bench_client raw|library TARGET MILLISECONDS\n");
     return 2;
