@@ -20,6 +20,7 @@
 #include "ScriptedExtensionBundle.h"
 #include "platform/extensions/ExtensionBundle.h"
 #include "platform/plist/PropertyList.h"
+#include "platform/url/Url.h"
 
 namespace daskel::testing {
 
@@ -30,13 +31,6 @@ namespace {
 
 // The client programs' own log lines would only clutter their standard error.
 constexpr char kClientLogLevels[] = "global=3 console=3 file=3";
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 bool writeFile(const std::string& path, const std::string& bytes, mode_t mode) {
   {
@@ -414,6 +408,21 @@ ClientResult DaemonFixture::run(const std::string& program,
     return result;
   }
   return finish(*process, outputBase, timeout);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string fileUrl(const std::string& path) {
+  return platform::Url::fileUrlWithPath(path, false)->absoluteString();
+}
+
+std::string directoryUrl(const std::string& path) {
+  return platform::Url::fileUrlWithPath(path, true)->absoluteString();
 }
 
 }  // namespace daskel::testing

@@ -153,4 +153,10 @@ class DaemonFixture {
   std::string logPath_;
 };
 
+// What end-to-end tests ask of files: the whole of `path` (empty when unreadable), and the
+// file URL of a path (of a directory: with the trailing separator).
+std::string readFile(const std::string& path);
+std::string fileUrl(const std::string& path);
+std::string directoryUrl(const std::string& path);
+
 }  // namespace daskel::testing

@@ -31,26 +31,14 @@ using nlohmann::json;
 using platform::Value;
 using testing::ClientResult;
 using testing::DaemonFixture;
+using testing::directoryUrl;
+using testing::fileUrl;
+using testing::readFile;
 using testing::ScriptedExtensionBundle;
 
 constexpr char kReadKey[] = "com.orvane.daskel.acl-read";
 constexpr char kWriteKey[] = "com.orvane.daskel.acl-write";
 constexpr char kDebugLog[] = "global=7 console=7 file=7";
-
-std::string fileUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, false)->absoluteString();
-}
-
-std::string directoryUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, true)->absoluteString();
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 Value accessControl(const std::string& provider,
                     const std::string& consumer,

@@ -34,6 +34,9 @@ using nlohmann::json;
 using platform::Value;
 using testing::ClientResult;
 using testing::DaemonFixture;
+using testing::directoryUrl;
+using testing::fileUrl;
+using testing::readFile;
 using testing::ScriptedExtensionBundle;
 
 constexpr char kReadKey[] = "com.orvane.daskel.acl-read";
@@ -68,14 +71,6 @@ struct Client {
   std::string path;
   std::string bundleIdentifier;  // "" when no manifest names the program
 };
-
-std::string fileUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, false)->absoluteString();
-}
-
-std::string directoryUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, true)->absoluteString();
-}
 
 // A Daskel error as a comparable shape: domain, code and userInfo without the readable
 // description (its wording is the error constructors' business), nested errors likewise.

@@ -35,6 +35,9 @@ using namespace std::chrono_literals;
 using nlohmann::json;
 using testing::ClientResult;
 using testing::DaemonFixture;
+using testing::directoryUrl;
+using testing::fileUrl;
+using testing::readFile;
 using testing::ScriptedExtensionBundle;
 
 constexpr char kLocalFolder[] = "com.example.daskel.local-folder-provider";
@@ -42,21 +45,6 @@ constexpr char kLocalFolderGroup[] = "group.com.example.daskel.local-folder";
 constexpr char kReaderBundle[] = "org.e2e.coordinating-reader";
 constexpr char kConsumerBundle[] = "org.e2e.placeholder-consumer";
 constexpr auto kDeadline = 30s;
-
-std::string fileUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, false)->absoluteString();
-}
-
-std::string directoryUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, true)->absoluteString();
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 bool contains(const std::vector<std::string>& lines, const std::string& line) {
   return std::find(lines.begin(), lines.end(), line) != lines.end();

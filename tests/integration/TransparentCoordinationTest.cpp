@@ -50,17 +50,6 @@ constexpr char kConsumer[] = "org.e2e.transparent.consumer";
 constexpr char kViewer[] = "org.e2e.transparent.viewer";
 constexpr char kStandInAttribute[] = "user.daskel.stand-in";
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string fileUrl(const std::string& path) {
-  return platform::Url::fileUrlWithPath(path, false)->absoluteString();
-}
-
 pid_t parentOf(pid_t pid) {
   const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
   const auto close = stat.rfind(')');
