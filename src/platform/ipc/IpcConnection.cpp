@@ -142,6 +142,15 @@ IpcConnection::~IpcConnection() {
   stream_->close();
 }
 
+std::string IpcConnection::routineDescription() const {
+  // An adopted socket's name already says what it is; its peer is named only once somebody
+  // has asked who that is.
+  if (role_ == Role::Adopted && !tokenRead_.load(std::memory_order_acquire)) {
+    return "connection " + name_;
+  }
+  return description();
+}
+
 std::string IpcConnection::description() const {
   const auto& token = auditToken();
   const std::string peer = token ? token->description() : "an unknown process";
@@ -235,7 +244,8 @@ void IpcConnection::resume() {
 }
 
 void IpcConnection::invalidate() {
-  close(IpcError(IpcErrorCode::ConnectionInvalid, "the " + description() + " was invalidated"),
+  close(IpcError(IpcErrorCode::ConnectionInvalid,
+                 "the " + routineDescription() + " was invalidated"),
         Cause::Local);
 }
 
@@ -272,7 +282,7 @@ void IpcConnection::close(ErrorPtr error, Cause cause, std::optional<std::string
   if (logLine) {
     DKLogError("%s", *logLine);
   } else {
-    DKLogDebug("%s closed: %s", description(), reasonText(error));
+    DKLogDebug("%s closed: %s", routineDescription(), reasonText(error));
   }
   stream_->close();
 
@@ -350,7 +360,7 @@ void IpcConnection::streamDidEnd(IpcStream::End end, ErrorPtr reason) {
       self->refuse(reason);
     } else {
       self->close(IpcError(IpcErrorCode::ConnectionInterrupted,
-                           "the peer closed the " + self->description()),
+                           "the peer closed the " + self->routineDescription()),
                   Cause::PeerClosed);
     }
   });
@@ -578,6 +588,7 @@ const std::optional<AuditToken>& IpcConnection::auditToken() const {
       if (fd >= 0) {
         auditToken_ = AuditToken::fromSocket(fd);
       }
+      tokenRead_.store(true, std::memory_order_release);
     });
   }
   return auditToken_;

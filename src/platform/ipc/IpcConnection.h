@@ -223,6 +223,9 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   void failCall(const std::shared_ptr<IpcRemoteProxy::State>& proxy, ErrorPtr error);
   // From now on the loop reads this connection's input (see loopReads_). Idempotent.
   void readByLoop();
+  // description(), except that an adopted socket whose peer nobody has asked about yet is
+  // described by its name alone: for the errors and lines of an ordinary close.
+  std::string routineDescription() const;
 
   const Role role_;
   const std::string name_;
@@ -230,6 +233,10 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // called (tokenOnce_).
   mutable std::optional<AuditToken> auditToken_;
   mutable std::once_flag tokenOnce_;
+  // Set once an adopted socket's token has been read, so routineDescription() can name the
+  // peer when it is known without asking the kernel (four system calls) just to word the
+  // error of an ordinary close.
+  mutable std::atomic<bool> tokenRead_{false};
   const std::shared_ptr<IpcStream> stream_;
   const std::shared_ptr<DispatchQueue> queue_;
 
