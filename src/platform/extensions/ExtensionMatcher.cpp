@@ -28,6 +28,11 @@ using Clock = std::chrono::steady_clock;
 constexpr std::uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
                                      IN_CLOSE_WRITE | IN_MODIFY | IN_ATTRIB | IN_DELETE_SELF |
                                      IN_MOVE_SELF | IN_ONLYDIR;
+// A bundle directory is watched for its entries only: an extension may keep files of its own
+// there (logs, caches) and write them on every request, which must not wake this thread. The
+// two files that matter are watched themselves for writes in place (kBundleFileMask).
+constexpr std::uint32_t kBundleMask = kWatchMask & ~(IN_CLOSE_WRITE | IN_MODIFY);
+constexpr std::uint32_t kBundleFileMask = IN_CLOSE_WRITE | IN_MODIFY | IN_ATTRIB;
 constexpr std::uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
 
 std::string errnoText(int error) {
@@ -301,6 +306,8 @@ bool ExtensionMatcher::watcherThreadIsRelevant(int wd,
         if (name == kInfoPlistFileName || (!purpose.name.empty() && name == purpose.name))
           return true;
         break;
+      case WatchPurpose::Kind::BundleFile:
+        return true;
     }
   }
   return false;
@@ -308,6 +315,15 @@ bool ExtensionMatcher::watcherThreadIsRelevant(int wd,
 
 int ExtensionMatcher::watcherThreadAddWatch(const std::string& path) {
   return ::inotify_add_watch(inotifyFd_, path.c_str(), kWatchMask);
+}
+
+void ExtensionMatcher::watcherThreadWatchBundleFile(
+    const std::string& path,
+    std::map<int, std::vector<WatchPurpose>>& watches) {
+  // A file that is missing now is not watched: its bundle's directory watch sees it arrive.
+  const int wd = ::inotify_add_watch(inotifyFd_, path.c_str(), kBundleFileMask | IN_MASK_ADD);
+  if (wd >= 0)
+    watches[wd].push_back({WatchPurpose::Kind::BundleFile, path, {}});
 }
 
 void ExtensionMatcher::watcherThreadWatchSearchDirectory(
@@ -356,7 +372,7 @@ ExtensionMatcher::Records ExtensionMatcher::watcherThreadRescan() {
 
   std::map<std::string, int> bundleWatches;
   const Records records = catalog_.scan([&](const std::string& bundlePath) {
-    const int wd = watcherThreadAddWatch(bundlePath);
+    const int wd = ::inotify_add_watch(inotifyFd_, bundlePath.c_str(), kBundleMask);
     if (wd < 0) {
       // A bundle that is no directory (or just vanished) cannot be watched; the catalog says
       // what is wrong with it. Anything else (the watch limit) is ours to report, once.
@@ -373,6 +389,8 @@ ExtensionMatcher::Records ExtensionMatcher::watcherThreadRescan() {
     watcherThreadWatchErrors_.erase(bundlePath);
     watches[wd].push_back({WatchPurpose::Kind::Bundle, bundlePath, {}});
     bundleWatches[bundlePath] = wd;
+    watcherThreadWatchBundleFile(appendingPathComponent(bundlePath, kInfoPlistFileName),
+                                 watches);
   });
   for (const auto& record : records) {
     auto wd = bundleWatches.find(record->bundlePath());
@@ -381,6 +399,11 @@ ExtensionMatcher::Records ExtensionMatcher::watcherThreadRescan() {
     for (WatchPurpose& purpose : watches[wd->second]) {
       if (purpose.kind == WatchPurpose::Kind::Bundle && purpose.path == record->bundlePath())
         purpose.name = record->bundle().executableName();
+    }
+    if (!record->bundle().executableName().empty()) {
+      watcherThreadWatchBundleFile(
+          appendingPathComponent(record->bundlePath(), record->bundle().executableName()),
+          watches);
     }
   }
 

@@ -90,7 +90,8 @@ class ExtensionMatcher {
 
   // What one inotify watch is for; one watch descriptor may serve several purposes.
   struct WatchPurpose {
-    enum class Kind { SearchDirectory, Ancestor, Bundle };
+    // BundleFile: a bundle's Info.plist or executable, watched as a file for writes in place.
+    enum class Kind { SearchDirectory, Ancestor, Bundle, BundleFile };
     Kind kind;
     std::string path;
     // Ancestor: the entry name that leads towards the missing search directory.
@@ -115,6 +116,8 @@ class ExtensionMatcher {
   void watcherThreadWatchSearchDirectory(const std::string& directory,
                                          std::map<int, std::vector<WatchPurpose>>& watches);
   int watcherThreadAddWatch(const std::string& path);
+  void watcherThreadWatchBundleFile(const std::string& path,
+                                    std::map<int, std::vector<WatchPurpose>>& watches);
 
   const std::string extensionPointIdentifier_;
   const std::shared_ptr<Delivery> delivery_;

@@ -242,19 +242,33 @@ TEST_F(ExtensionMatcherTest, AddingRenamingAndRemovingBundlesIsReportedWithTheFu
   ASSERT_TRUE(log_.waitForLatestIdentifiers({})) << log_.latestDescription();
 }
 
-TEST_F(ExtensionMatcherTest, AnInfoPlistReplacedByRenameIsReported) {
+TEST_F(ExtensionMatcherTest, AnInfoPlistRewrittenInPlaceOrReplacedByRenameIsReported) {
   const std::string bundle = tree_.bundle(first_, "P.dkext", content("com.example.p"));
   auto matcher = start({first_});
   ASSERT_TRUE(log_.waitForLatestIdentifiers({"com.example.p"})) << log_.latestDescription();
   const auto before = log_.reports().back().front();
 
+  // A file of the extension's own written in the bundle changes nothing; the same inode of
+  // Info.plist rewritten does (the bundle directory is not watched for writes, the file is).
+  extension_test::writeFile(bundle + "/own.log", "written by the extension\n", 0644);
   BundleContent updated = content("com.example.p");
   updated.version = "2.0";
-  replaceFile(infoPlistPath(bundle), serializeXmlPropertyList(updated.info()));
+  struct stat old;
+  ASSERT_EQ(::stat(infoPlistPath(bundle).c_str(), &old), 0);
+  extension_test::writeFile(infoPlistPath(bundle), serializeXmlPropertyList(updated.info()), 0644);
+  struct stat rewritten;
+  ASSERT_EQ(::stat(infoPlistPath(bundle).c_str(), &rewritten), 0);
+  ASSERT_EQ(rewritten.st_ino, old.st_ino);
   ASSERT_TRUE(log_.waitForLatest([](const Records& records) {
     return records.size() == 1 && records[0]->version() == "2.0";
   })) << log_.latestDescription();
   EXPECT_NE(*log_.reports().back().front(), *before);
+
+  updated.version = "3.0";
+  replaceFile(infoPlistPath(bundle), serializeXmlPropertyList(updated.info()));
+  ASSERT_TRUE(log_.waitForLatest([](const Records& records) {
+    return records.size() == 1 && records[0]->version() == "3.0";
+  })) << log_.latestDescription();
 }
 
 TEST_F(ExtensionMatcherTest, AnExecutableReplacedByANewFileIsReported) {
