@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -21,6 +22,10 @@ constexpr int kMaxEventsPerWait = 64;
 constexpr int kMaxThreads = 64;
 constexpr std::chrono::milliseconds kStallInterval{10};
 constexpr std::chrono::milliseconds kIdleTimeout{5000};
+// A batch of several ready sockets is shared with a second thread only once this thread has
+// worked on it for this long: most batches are a request and a close, or a control packet and
+// its request, done sooner than a sleeping thread on another core would wake up to help.
+constexpr std::chrono::microseconds kShareBatchAfter{50};
 
 // The loop whose thread the calling thread is, if any.
 thread_local const IoLoop* tCurrentLoop = nullptr;
@@ -187,13 +192,20 @@ void IoLoop::threadMain() {
   WorkerPool::JobKeeper keeper;
   std::unique_lock lock(mutex_);
   keepers_.push_back(&keeper);
+  // Set when this thread took several events from the kernel and nobody helps with them yet.
+  std::optional<std::chrono::steady_clock::time_point> batchUnshared;
   for (;;) {
     if (!ready_.empty()) {
+      if (batchUnshared && std::chrono::steady_clock::now() - *batchUnshared >= kShareBatchAfter) {
+        batchUnshared.reset();
+        shareBatchLocked();
+      }
       const epoll_event event = ready_.front();
       ready_.pop_front();
       dispatchLocked(lock, event, keeper);
       continue;
     }
+    batchUnshared.reset();
     if (!polling_) {
       polling_ = true;
       ++polls_;
@@ -211,7 +223,7 @@ void IoLoop::threadMain() {
       }
       ready_.insert(ready_.end(), events, events + count);
       if (count > 1) {
-        shareBatchLocked();
+        batchUnshared = std::chrono::steady_clock::now();
       }
       continue;
     }

@@ -11,9 +11,10 @@
 // THREADING MODEL (leader/followers):
 // - At most one loop thread waits in epoll_wait at a time; it takes a batch of events and runs
 //   their handlers itself, one after the other. A batch of one (a single busy connection, a
-//   client waiting for its reply) costs no thread switch. A larger batch wakes one more loop
-//   thread (up to one per core) that takes events from the same batch and waits on epoll once
-//   the batch is taken, so busy connections are served on several cores.
+//   client waiting for its reply) costs no thread switch. A larger batch that keeps its thread
+//   busy for more than a few tens of microseconds wakes one more loop thread (up to one per
+//   core) that takes events from the same batch and waits on epoll once the batch is taken,
+//   so busy connections are served on several cores while short batches cost no wake-up.
 // - A loop thread whose handler blocks hands the loop on: at once when it blocks in a
 //   WorkerPool::BlockingScope (DispatchQueue::sync, blocking IPC calls), otherwise when a
 //   watchdog sees that nobody has waited on epoll or started a handler for `stallInterval`.
