@@ -79,6 +79,7 @@ constexpr char kWriteKey[] = "com.orvane.daskel.acl-write";
 constexpr char kBenchApplication[] = "org.daskel.bench";
 constexpr char kConsumer[] = "org.daskel.bench.consumer";
 constexpr char kProvider[] = "com.example.bench.provider0";
+constexpr char kItem[] = "Bench/Item.txt";  // in kProvider's storage directory
 
 // The id the raw peers put in every request, as in the IPC benchmark: three bytes of CBOR.
 constexpr std::uint64_t kRawReplyId = 1000;
@@ -164,6 +165,10 @@ class BenchInstallation {
   // The storage directory of provider `index`.
   std::string storage(int index) const { return fixture_.storageDirectory(group(index)); }
 
+  // The item the start-providing figures ask provider 0 for. It exists on disk, as the
+  // placeholder or stand-in of an item a consumer opens does.
+  std::string item() const { return storage(0) + "/" + kItem; }
+
   // Starts the daemon and waits until it answers a wake-up; returns the time from spawning
   // it to that answer, or nullopt with `error_` set.
   std::optional<Clock::duration> startAndTimeFirstWakeUp() {
@@ -211,11 +216,22 @@ class BenchInstallation {
       bundle.name = "Provider" + std::to_string(i);
       bundle.identifier = "com.example.bench.provider" + std::to_string(i);
       bundle.group = group(i);
+      // As in the extension benchmark: the call log goes to /dev/null, so the figures are of
+      // the daemon and the SDK, not of a test helper appending to a file in its bundle.
+      bundle.script = "calls /dev/null\n";
       if (fixture_.installExtension(bundle, &error).empty()) {
         return error;
       }
     }
     std::error_code ec;
+    if (providers > 0) {
+      fs::create_directories(fs::path(item()).parent_path(), ec);
+      std::ofstream out(item(), std::ios::binary | std::ios::trunc);
+      out << "bench item\n";
+      if (ec || !out.good()) {
+        return "cannot write " + item();
+      }
+    }
     const fs::path self = fs::read_symlink("/proc/self/exe", ec);
     if (ec) {
       return "cannot read /proc/self/exe: " + ec.message();
@@ -381,7 +397,7 @@ void BM_DaemonRoundTrip(benchmark::State& state) {
     // startProvidingItemAtURL:fromProviderID:forConsumerID:completionHandler:, for an item
     // granted to the consumer first.
     const platform::Url item =
-        *platform::Url::fileUrlWithPath(installation.storage(0) + "/Bench/Item.txt", false);
+        *platform::Url::fileUrlWithPath(installation.item(), false);
     const auto granted = daemon.extendSandboxForFileURLSync(item, kProvider, kConsumer, 30s);
     if (granted.error) {
       error = "extendSandbox failed: " + granted.error->description();
@@ -439,7 +455,7 @@ void BM_DaemonThroughput(benchmark::State& state) {
       return;
     }
     // The item the start-providing clients ask for, granted once.
-    const std::string item = installation.storage(0) + "/Bench/Item.txt";
+    const std::string item = installation.item();
     {
       auto client = DKDaemonClient::connect();
       const auto granted =
