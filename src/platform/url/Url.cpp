@@ -92,41 +92,14 @@ std::size_t pathEnd(const ParsedUri& parsed, std::string_view text) {
   return text.size();
 }
 
-}  // namespace
-
-std::optional<Url> Url::fromString(std::string_view absoluteString) {
-  ParsedUri parsed(absoluteString);
-  if (!parsed.hasScheme()) {
-    return std::nullopt;
-  }
-  return Url(std::string(absoluteString));
-}
-
-std::optional<Url> Url::fileUrlWithPath(std::string_view path, bool isDirectory) {
-  if (path.empty() || path.front() != '/' || path.find('\0') != std::string_view::npos) {
-    return std::nullopt;
-  }
-  std::string text = "file://" + percentEncodedPath(path);
-  if (isDirectory && text.back() != '/') {
-    text += '/';
-  }
-  return fromString(text);
-}
-
-std::string Url::scheme() const {
-  ParsedUri parsed(absoluteString_);
+std::string schemeOf(const ParsedUri& parsed) {
   std::string result(rangeText(parsed.uri().scheme));
   std::transform(result.begin(), result.end(), result.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return result;
 }
 
-bool Url::isFileUrl() const {
-  return scheme() == "file";
-}
-
-std::string Url::path() const {
-  ParsedUri parsed(absoluteString_);
+std::string pathOf(const ParsedUri& parsed) {
   const UriUriA& uri = parsed.uri();
   if (uri.pathHead == nullptr) {
     return {};
@@ -145,6 +118,29 @@ std::string Url::path() const {
   }
   return result;
 }
+
+}  // namespace
+
+std::optional<Url> Url::fromString(std::string_view absoluteString) {
+  ParsedUri parsed(absoluteString);
+  if (!parsed.hasScheme()) {
+    return std::nullopt;
+  }
+  // The two answers asked for on every request are taken from this one parse.
+  return Url(std::string(absoluteString), schemeOf(parsed), pathOf(parsed));
+}
+
+std::optional<Url> Url::fileUrlWithPath(std::string_view path, bool isDirectory) {
+  if (path.empty() || path.front() != '/' || path.find('\0') != std::string_view::npos) {
+    return std::nullopt;
+  }
+  std::string text = "file://" + percentEncodedPath(path);
+  if (isDirectory && text.back() != '/') {
+    text += '/';
+  }
+  return fromString(text);
+}
+
 
 std::string Url::lastPathComponent() const {
   ParsedUri parsed(absoluteString_);

@@ -19,10 +19,10 @@ class Url {
   static std::optional<Url> fileUrlWithPath(std::string_view path, bool isDirectory);
 
   const std::string& absoluteString() const { return absoluteString_; }
-  std::string scheme() const;  // lower case
-  bool isFileUrl() const;
+  const std::string& scheme() const { return scheme_; }  // lower case
+  bool isFileUrl() const { return scheme_ == "file"; }
   // The percent-decoded path; for a file URL, the file-system path ("" when none).
-  std::string path() const;
+  const std::string& path() const { return path_; }
   // The last non-empty path component, percent-decoded ("" for "/").
   std::string lastPathComponent() const;
   bool hasDirectoryPath() const;  // the path ends in "/"
@@ -36,8 +36,14 @@ class Url {
   bool operator==(const Url& other) const = default;
 
  private:
-  explicit Url(std::string absoluteString) : absoluteString_(std::move(absoluteString)) {}
+  Url(std::string absoluteString, std::string scheme, std::string path)
+      : absoluteString_(std::move(absoluteString)),
+        scheme_(std::move(scheme)),
+        path_(std::move(path)) {}
   std::string absoluteString_;
+  // Derived from absoluteString_ when it is parsed, so equality still means the same text.
+  std::string scheme_;
+  std::string path_;
 };
 
 }  // namespace daskel::platform
