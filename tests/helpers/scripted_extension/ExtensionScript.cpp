@@ -84,7 +84,12 @@ Result<ExtensionScript> ExtensionScript::parse(std::string_view text,
       if (path.empty()) {
         return failure(lineError(number, first + " needs a path"));
       }
-      (first == "calls" ? script.callLogPath_ : script.stateDirectory_) = resolve(path, bundlePath);
+      if (first == "calls" && path == "off") {
+        script.callLogPath_.clear();
+      } else {
+        (first == "calls" ? script.callLogPath_ : script.stateDirectory_) =
+            resolve(path, bundlePath);
+      }
       continue;
     }
     if (first == "start") {

@@ -7,7 +7,7 @@
 // are separated by spaces; a description runs to the end of its line.
 //
 //   calls <path>            where calls are recorded (default "calls.log"; a relative path is
-//                           relative to the bundle directory)
+//                           relative to the bundle directory; "off": nowhere, for benchmarks)
 //   state <path>            directory of the fail-first counters (default: the bundle)
 //   start exit <status>     exit at once with <status>, before sending ready
 //   start no-ready          never send ready; exit 0 when the control socket closes
@@ -70,6 +70,7 @@ class ExtensionScript {
   static bool isOperation(std::string_view name);
 
   const ScriptedBehaviour& behaviour(std::string_view operation) const;
+  // Empty when calls are not recorded.
   const std::string& callLogPath() const { return callLogPath_; }
   const std::string& stateDirectory() const { return stateDirectory_; }
   std::optional<int> exitAtStart() const { return exitAtStart_; }

@@ -19,6 +19,9 @@ using sdk::ErrorPtr;
 using sdk::Url;
 
 void ScriptedProvider::record(const std::string& line) const {
+  if (script_.callLogPath().empty()) {
+    return;
+  }
   const std::string text = line + "\n";
   const int fd =
       ::open(script_.callLogPath().c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
