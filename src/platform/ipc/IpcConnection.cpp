@@ -601,7 +601,7 @@ pid_t IpcConnection::processIdentifier() const {
 
 Value IpcConnection::valueForEntitlement(std::string_view key) const {
   const auto& token = auditToken();
-  if (!token) {
+  if (!token || !token->isAlive()) {
     return Value();
   }
   std::shared_ptr<const IpcIdentityResolver> resolver;
@@ -614,8 +614,7 @@ Value IpcConnection::valueForEntitlement(std::string_view key) const {
   }
   Value value = resolver->valueForEntitlement(*token, key);
   // The answer is about whoever held the pid while it was read; only a process still alive
-  // proves that was the peer. (One check, after the read: a peer gone before it fails here
-  // just the same.)
+  // proves that was the peer.
   if (!token->isAlive()) {
     return Value();
   }
