@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,17 +33,24 @@ bool isManifestName(std::string_view name) {
 }
 
 // Whether `path`, resolved with symbolic links followed, is the file `running` (same device
-// and inode) and is spelled `executable` once resolved. The path is opened once (O_PATH) and
-// both questions are asked of that very file: its identity through fstat, its resolved name
-// through /proc/self/fd, which costs a fixed three system calls where stat and realpath took
-// one per component.
+// and inode) and is spelled `executable` once resolved. One stat answers the first question,
+// and for most listed paths (other programs, or missing) that is all. A path spelled exactly
+// as the kernel names the running file needs nothing more. Any other that reaches the file (a
+// symbolic link, another hard link) is opened once (O_PATH) and both questions are asked of
+// that very file: its identity through fstat, its resolved name through /proc/self/fd.
 bool isListedExecutable(const std::string& path,
                         const struct stat& running,
                         const std::string& executable) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0 || st.st_dev != running.st_dev ||
+      st.st_ino != running.st_ino) {
+    return false;
+  }
+  if (path == executable)
+    return true;
   const int fd = ::open(path.c_str(), O_PATH | O_CLOEXEC);
   if (fd < 0)
     return false;
-  struct stat st;
   bool same = ::fstat(fd, &st) == 0 && st.st_dev == running.st_dev && st.st_ino == running.st_ino;
   if (same) {
     char link[32];
@@ -65,28 +73,49 @@ ApplicationRegistry::ApplicationRegistry(std::vector<std::string> directories)
 
 ApplicationRegistry::~ApplicationRegistry() = default;
 
-std::vector<std::shared_ptr<const Application>> ApplicationRegistry::currentApplications() const {
-  const std::vector<std::string> directories = directories_ ? *directories_ : applicationsPath();
+std::vector<std::string> ApplicationRegistry::searchDirectories() const {
+  return directories_ ? *directories_ : applicationsPath();
+}
 
-  std::lock_guard lock(mutex_);
-  std::vector<std::shared_ptr<const Application>> applications;
+std::shared_ptr<const ApplicationRegistry::Applications> ApplicationRegistry::applicationsLocked(
+    const std::vector<std::string>& directories,
+    bool verify,
+    bool* scanned) const {
+  if (applications_ && directories == scannedDirectories_ && !watch_.knownChanged() &&
+      !(verify && watch_.changed())) {
+    *scanned = false;
+    return applications_;
+  }
+  *scanned = true;
+  return rescanLocked(directories);
+}
+
+std::shared_ptr<const ApplicationRegistry::Applications> ApplicationRegistry::rescanLocked(
+    const std::vector<std::string>& directories) const {
+  // Watched before anything is read, so that whatever changes while it is read is reported.
+  watch_.reset(directories);
+  Applications applications;
   std::set<std::string> seen;
   for (const std::string& directory : directories) {
     if (directory.empty())
       continue;
-    const std::vector<std::string> names = listSearchPathDirectory(
-        directory, [](const char* name) { return isManifestName(name); },
-        "application manifests", directoryErrors_);
+    const std::vector<SearchPathEntry> entries = listSearchPathDirectoryEntries(
+        directory, [](const char* name) { return isManifestName(name); }, "application manifests",
+        directoryErrors_);
 
-    for (const std::string& name : names) {
-      std::string path = appendingPathComponent(directory, name);
+    for (const SearchPathEntry& entry : entries) {
+      std::string path = appendingPathComponent(directory, entry.name);
       // The same directory listed twice adds nothing.
       if (!seen.insert(path).second)
         continue;
+      const bool watched = watch_.watchFile(path, entry.type);
       FileSignature current = FileSignature::ofPath(path);
-      // Removed since the directory was read.
-      if (current.statError == ENOENT)
+      // Removed since the directory was read (or a symbolic link to nothing).
+      if (current.statError == ENOENT) {
+        if (!watched)
+          watch_.checkSignature(path, current);
         continue;
+      }
 
       auto cached = manifests_.find(path);
       if (cached == manifests_.end() || cached->second.signature.unstable ||
@@ -104,17 +133,23 @@ std::vector<std::shared_ptr<const Application>> ApplicationRegistry::currentAppl
                                  : failure(application.error())};
         cached = manifests_.insert_or_assign(path, std::move(entry)).first;
       }
+      // One that changed while it was read is reported by its watch, or by its signature,
+      // which an unstable one never matches: it is read again next time.
+      if (!watched)
+        watch_.checkSignature(path, cached->second.signature);
       if (cached->second.application)
         applications.push_back(*cached->second.application);
     }
   }
   std::erase_if(manifests_, [&](const auto& entry) { return !seen.contains(entry.first); });
-  return applications;
+  applications_ = std::make_shared<const Applications>(std::move(applications));
+  scannedDirectories_ = directories;
+  return applications_;
 }
 
 std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
     const AuditToken& token,
-    const std::vector<std::shared_ptr<const Application>>& applications) const {
+    const Applications& applications) const {
   const pid_t pid = token.pid();
 
   auto flatpakId = readFlatpakApplicationId(pid);
@@ -126,16 +161,11 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
     return nullptr;
   }
   if (*flatpakId) {
-    std::shared_ptr<const Application> match;
     for (const auto& application : applications) {
-      if (application->bundleIdentifier == **flatpakId) {
-        match = application;
-        break;
-      }
+      if (application->bundleIdentifier == **flatpakId)
+        return application;
     }
-    if (!match || !token.isAlive())
-      return nullptr;
-    return match;
+    return nullptr;
   }
 
   auto executable = readProcessExecutablePath(pid);
@@ -168,16 +198,49 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
     return nullptr;
   }
 
-  std::shared_ptr<const Application> match;
   for (const auto& application : applications) {
     for (const std::string& listed : application->executables) {
-      if (!isListedExecutable(listed, running, *executable))
-        continue;
-      match = application;
-      break;
+      if (isListedExecutable(listed, running, *executable))
+        return application;
     }
-    if (match)
-      break;
+  }
+  return nullptr;
+}
+
+std::shared_ptr<const Application> ApplicationRegistry::identify(const AuditToken& token) const {
+  const std::vector<std::string> directories = searchDirectories();
+  bool scanned = false;
+  std::shared_ptr<const Applications> applications;
+  {
+    std::lock_guard lock(mutex_);
+    applications = applicationsLocked(directories, /*verify=*/false, &scanned);
+  }
+  std::shared_ptr<const Application> match = inspectProcess(token, *applications);
+
+  if (!scanned) {
+    // The manifests were scanned before this look-up began, so they count only if nothing
+    // has changed up to now, after /proc was read. One poll asks the watch that and whether
+    // the token's process is alive: its pidfd becomes readable when it exits (AuditToken).
+    struct pollfd process = {token.pidfd(), POLLIN, 0};
+    bool unchanged;
+    {
+      std::lock_guard lock(mutex_);
+      unchanged =
+          applications == applications_ && !watch_.changed(token.hasPidfd() ? &process : nullptr);
+    }
+    if (token.hasPidfd() && process.revents != 0)
+      return nullptr;
+    if (unchanged && token.hasPidfd())
+      return match;
+    if (!unchanged) {
+      // Changed meanwhile: scanned now (or by another look-up since this one began), the
+      // applications are current without asking again.
+      {
+        std::lock_guard lock(mutex_);
+        applications = applicationsLocked(directories, /*verify=*/false, &scanned);
+      }
+      match = inspectProcess(token, *applications);
+    }
   }
   // Everything above was read by pid; only a process that is still alive proves it was
   // about the token's process and not a successor with the same pid.
@@ -188,9 +251,7 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
 
 std::optional<Application> ApplicationRegistry::applicationForProcess(
     const AuditToken& token) const {
-  if (!token.isAlive())
-    return std::nullopt;
-  auto application = inspectProcess(token, currentApplications());
+  auto application = identify(token);
   if (!application)
     return std::nullopt;
   return *application;
@@ -198,9 +259,7 @@ std::optional<Application> ApplicationRegistry::applicationForProcess(
 
 Value ApplicationRegistry::entitlementValue(const AuditToken& token, std::string_view key) const {
   // The one value is taken from the cached application, not from a copy of all of it.
-  if (!token.isAlive())
-    return Value();
-  auto application = inspectProcess(token, currentApplications());
+  auto application = identify(token);
   return application ? application->entitlementValue(key) : Value();
 }
 
@@ -213,7 +272,14 @@ std::optional<std::string> ApplicationRegistry::bundleIdentifier(const AuditToke
 
 std::optional<Application> ApplicationRegistry::applicationWithBundleIdentifier(
     std::string_view bundleIdentifier) const {
-  for (const auto& application : currentApplications()) {
+  const std::vector<std::string> directories = searchDirectories();
+  std::shared_ptr<const Applications> applications;
+  {
+    std::lock_guard lock(mutex_);
+    bool scanned;
+    applications = applicationsLocked(directories, /*verify=*/true, &scanned);
+  }
+  for (const auto& application : *applications) {
     if (application->bundleIdentifier == bundleIdentifier)
       return *application;
   }
@@ -221,8 +287,15 @@ std::optional<Application> ApplicationRegistry::applicationWithBundleIdentifier(
 }
 
 std::vector<Application> ApplicationRegistry::applications() const {
+  const std::vector<std::string> directories = searchDirectories();
+  std::shared_ptr<const Applications> applications;
+  {
+    std::lock_guard lock(mutex_);
+    bool scanned;
+    applications = applicationsLocked(directories, /*verify=*/true, &scanned);
+  }
   std::vector<Application> result;
-  for (const auto& application : currentApplications())
+  for (const auto& application : *applications)
     result.push_back(*application);
   return result;
 }

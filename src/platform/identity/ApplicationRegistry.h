@@ -17,15 +17,26 @@
 // inspecting /proc the token is checked to be still alive, so a pid reused in the meantime
 // cannot lend its identity. A token that is not alive identifies nothing.
 //
-// Manifests are re-validated on every look-up (directory scan and stat); a parsed manifest,
-// or the reason one was refused, is reused only while its file keeps the same signature
-// (device, inode, owner, mode, size, modification and change time), which any replacement,
-// chmod, chown or edit changes. A manifest that is refused (untrusted owner or mode, unreadable,
-// malformed) is ignored with one error line naming the file and the reason, logged once per
-// version of the file, not on every look-up. A missing directory is silently empty.
+// Manifests are current on every look-up: an added, removed, renamed, edited, chmod'ed or
+// chown'ed manifest counts from the very next look-up on. The directories are watched
+// (SearchPathWatch): while nothing has changed in them since they were last scanned, the
+// applications found then are used as they are, and the watch is asked, after /proc was read,
+// whether that is still so (for a token with a pidfd, in the same system call that asks
+// whether it is alive). Anything changed, and anything the watch cannot follow (a manifest
+// that is a symbolic link is stat'ed on every look-up), means a rescan: the directories are
+// listed and each manifest stat'ed; a parsed manifest, or the reason one was refused, is
+// reused only while its file keeps the same signature (device, inode, owner, mode, size,
+// modification and change time), which any replacement, chmod, chown or edit changes. A
+// manifest that is refused (untrusted owner or mode, unreadable, malformed) is ignored with
+// one error line naming the file and the reason, logged once per version of the file, not on
+// every look-up. A missing directory is silently empty, and found on the first look-up after
+// it appears. (Only a chmod of a directory above a search directory, which could make it
+// unreadable to a daemon that is not root, goes unnoticed until something else changes.)
 //
 // THREADING NOTES: every member may be called from any thread at once; the manifest cache
-// is guarded by an internal mutex, and process inspection runs outside it.
+// and its watch are guarded by an internal mutex, and process inspection runs outside it.
+// Ownership: holds an inotify descriptor and one of /proc/self/mountinfo (close-on-exec)
+// once the first look-up was made.
 // Failure: look-ups answer nothing (nullopt, a null Value); the reasons go to the log.
 #pragma once
 
@@ -40,6 +51,7 @@
 #include "platform/identity/Application.h"
 #include "platform/identity/ApplicationManifest.h"
 #include "platform/identity/AuditToken.h"
+#include "platform/identity/SearchPathWatch.h"
 #include "platform/value/Result.h"
 #include "platform/value/Value.h"
 
@@ -77,14 +89,25 @@ class ApplicationRegistry {
     // The application, or why the manifest is ignored.
     Result<std::shared_ptr<const Application>> application;
   };
+  using Applications = std::vector<std::shared_ptr<const Application>>;
 
-  // Rescans the directories, re-reading manifests whose signature changed; returns the
-  // applications that count, in search order.
-  std::vector<std::shared_ptr<const Application>> currentApplications() const;
-  // The matching application as cached, or null.
-  std::shared_ptr<const Application> inspectProcess(
-      const AuditToken& token,
-      const std::vector<std::shared_ptr<const Application>>& applications) const;
+  // The directories searched now.
+  std::vector<std::string> searchDirectories() const;
+  // Under mutex_: the applications of the last scan of `directories` while no change is
+  // known (`verify`: nor seen by asking the watch now); else scans anew and sets `*scanned`.
+  std::shared_ptr<const Applications>
+  applicationsLocked(const std::vector<std::string>& directories, bool verify, bool* scanned) const;
+  // Under mutex_: rescans the directories, re-reading manifests whose signature changed, and
+  // watches them anew; returns the applications that count, in search order.
+  std::shared_ptr<const Applications> rescanLocked(
+      const std::vector<std::string>& directories) const;
+  // The application the token's process is, as cached, or null: current manifests, and the
+  // token alive after /proc was read.
+  std::shared_ptr<const Application> identify(const AuditToken& token) const;
+  // The first of `applications` that the process now holding the token's pid is, or null.
+  // Reads /proc by pid: the caller checks the token is alive afterwards.
+  std::shared_ptr<const Application> inspectProcess(const AuditToken& token,
+                                                    const Applications& applications) const;
 
   // nullopt: DASKEL_APPLICATIONS_PATH.
   const std::optional<std::vector<std::string>> directories_;
@@ -94,6 +117,10 @@ class ApplicationRegistry {
   mutable std::map<std::string, CachedManifest> manifests_;
   // Directory to the errno last logged for it, so an unreadable directory is reported once.
   mutable std::map<std::string, int> directoryErrors_;
+  // What the last scan found, in which directories, and the watch over them since.
+  mutable std::shared_ptr<const Applications> applications_;
+  mutable std::vector<std::string> scannedDirectories_;
+  mutable SearchPathWatch watch_;
 };
 
 }  // namespace daskel::platform

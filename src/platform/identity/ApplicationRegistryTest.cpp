@@ -401,6 +401,190 @@ TEST_F(ApplicationRegistryTest, ManifestChangesAreSeenOnTheNextLookUp) {
   EXPECT_FALSE(registry.bundleIdentifier(alpha));
 }
 
+// Each change right after a look-up that found the manifests as they were, so that the next
+// one can only be right if it notices.
+TEST_F(ApplicationRegistryTest, EveryKindOfManifestChangeIsSeenByTheVeryNextLookUp) {
+  writeAlphaAndBetaManifests();
+  ApplicationRegistry registry({apps_.string()});
+  AuditToken alpha = tokenOf(run(alpha_));
+  auto level = [&] { return registry.entitlementValue(alpha, "com.example.level"); };
+  ASSERT_EQ(level(), Value(3));
+
+  // Written in place through another name of the same file, which the directory never sees.
+  fs::create_directories(root_ / "elsewhere");
+  fs::create_hard_link(alphaManifest_, root_ / "elsewhere" / "alpha-link.plist");
+  {
+    std::ofstream out(root_ / "elsewhere" / "alpha-link.plist", std::ios::binary | std::ios::trunc);
+    out << serializeXmlPropertyList(Value(Value::Dictionary{
+        {"BundleIdentifier", Value("com.example.alpha")},
+        {"Executables", Value(Value::Array{Value(alpha_.string())})},
+        {"Entitlements", Value(Value::Dictionary{{"com.example.level", Value(6)}})},
+    }));
+  }
+  EXPECT_EQ(level(), Value(6));
+
+  {
+    CapturingLogSink::Scope log;
+    ASSERT_EQ(::chmod(alphaManifest_.c_str(), 0664), 0);
+    EXPECT_TRUE(level().isNull());
+    EXPECT_FALSE(registry.applicationWithBundleIdentifier("com.example.alpha"));
+    ASSERT_EQ(::chmod(alphaManifest_.c_str(), 0644), 0);
+    EXPECT_EQ(level(), Value(6));
+  }
+
+  // The whole directory replaced.
+  fs::rename(apps_, root_ / "apps.old");
+  fs::create_directories(apps_);
+  EXPECT_TRUE(level().isNull());
+  EXPECT_TRUE(registry.applications().empty());
+  writeManifest(apps_, "alpha.plist", "com.example.alpha", {alpha_},
+                {{"com.example.level", Value(7)}});
+  EXPECT_EQ(registry.applications().size(), 1u);
+  EXPECT_EQ(level(), Value(7));
+}
+
+// A manifest that is a symbolic link counts as the file it leads to now: the directory's
+// watch cannot see that file, so it is looked at on every look-up.
+TEST_F(ApplicationRegistryTest, ASymlinkedManifestIsTheFileItLeadsToNow) {
+  const fs::path elsewhere = root_ / "elsewhere";
+  fs::create_directories(elsewhere);
+  const std::string target = writeManifest(elsewhere, "alpha.plist", "com.example.alpha", {alpha_},
+                                           {{"com.example.level", Value(1)}});
+  fs::create_symlink(target, apps_ / "alpha.plist");
+  ApplicationRegistry registry({apps_.string()});
+  AuditToken alpha = tokenOf(run(alpha_));
+  auto level = [&] { return registry.entitlementValue(alpha, "com.example.level"); };
+  ASSERT_EQ(level(), Value(1));
+
+  // The target written in place.
+  {
+    std::ofstream out(target, std::ios::binary | std::ios::trunc);
+    out << serializeXmlPropertyList(Value(Value::Dictionary{
+        {"BundleIdentifier", Value("com.example.alpha")},
+        {"Executables", Value(Value::Array{Value(alpha_.string())})},
+        {"Entitlements", Value(Value::Dictionary{{"com.example.level", Value(2)}})},
+    }));
+  }
+  EXPECT_EQ(level(), Value(2));
+
+  {
+    CapturingLogSink::Scope log;
+    ASSERT_EQ(::chmod(target.c_str(), 0666), 0);
+    EXPECT_TRUE(level().isNull());
+    ASSERT_EQ(::chmod(target.c_str(), 0644), 0);
+  }
+  EXPECT_EQ(level(), Value(2));
+
+  // The target replaced by rename, then removed (a link to nothing), then back.
+  writeManifest(elsewhere, "alpha.plist", "com.example.alpha", {alpha_},
+                {{"com.example.level", Value(3)}});
+  EXPECT_EQ(level(), Value(3));
+  fs::rename(target, root_ / "alpha.plist.away");
+  EXPECT_TRUE(level().isNull());
+  fs::rename(root_ / "alpha.plist.away", target);
+  EXPECT_EQ(level(), Value(3));
+
+  // The link itself retargeted.
+  const std::string other = writeManifest(elsewhere, "other.plist", "com.example.other", {alpha_},
+                                          {{"com.example.level", Value(4)}});
+  fs::remove(apps_ / "alpha.plist");
+  fs::create_symlink(other, apps_ / "alpha.plist");
+  EXPECT_EQ(registry.bundleIdentifier(alpha), "com.example.other");
+  EXPECT_EQ(level(), Value(4));
+}
+
+TEST_F(ApplicationRegistryTest, SearchDirectoriesThatAppearOrAreRetargetedCountFromTheNextLookUp) {
+  writeManifest(apps_, "alpha.plist", "com.example.alpha", {alpha_}, {});
+  const fs::path later = root_ / "later" / "apps";
+  ApplicationRegistry registry({later.string(), apps_.string()});
+  AuditToken alpha = tokenOf(run(alpha_));
+  ASSERT_EQ(registry.bundleIdentifier(alpha), "com.example.alpha");
+
+  fs::create_directories(root_ / "later");
+  EXPECT_EQ(registry.bundleIdentifier(alpha), "com.example.alpha");
+  fs::create_directories(later);
+  writeManifest(later, "alpha.plist", "com.example.later", {alpha_}, {});
+  EXPECT_EQ(registry.bundleIdentifier(alpha), "com.example.later");
+  fs::remove_all(root_ / "later");
+  EXPECT_EQ(registry.bundleIdentifier(alpha), "com.example.alpha");
+
+  // A directory reached through a symbolic link, switched to another release.
+  fs::create_directories(root_ / "v1");
+  fs::create_directories(root_ / "v2");
+  writeManifest(root_ / "v1", "alpha.plist", "com.example.v1", {alpha_}, {});
+  writeManifest(root_ / "v2", "alpha.plist", "com.example.v2", {alpha_}, {});
+  fs::create_symlink(root_ / "v1", root_ / "current");
+  ApplicationRegistry linked({(root_ / "current").string()});
+  ASSERT_EQ(linked.bundleIdentifier(alpha), "com.example.v1");
+  fs::create_symlink(root_ / "v2", root_ / "current.new");
+  fs::rename(root_ / "current.new", root_ / "current");
+  EXPECT_EQ(linked.bundleIdentifier(alpha), "com.example.v2");
+}
+
+// A manifest is replaced over and over while look-ups run: a look-up begun after version n
+// was in place never answers from an older one.
+TEST_F(ApplicationRegistryTest, LookUpsRacingManifestReplacementsNeverAnswerFromAnOlderVersion) {
+  writeManifest(apps_, "alpha.plist", "com.example.alpha", {alpha_},
+                {{"com.example.level", Value(0)}});
+  ApplicationRegistry registry({apps_.string()});
+  AuditToken alpha = tokenOf(run(alpha_));
+  ASSERT_EQ(registry.entitlementValue(alpha, "com.example.level"), Value(0));
+
+  constexpr int kVersions = 150;
+  std::atomic<int> published{0};
+  std::atomic<int> stale{0}, missing{0};
+  std::atomic<bool> done{false};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; ++t) {
+    readers.emplace_back([&] {
+      while (!done) {
+        const int before = published.load();
+        const std::optional<std::int64_t> level =
+            registry.entitlementValue(alpha, "com.example.level").integer();
+        if (!level) {
+          ++missing;
+        } else if (*level < before) {
+          ++stale;
+        }
+      }
+    });
+  }
+  for (int version = 1; version <= kVersions; ++version) {
+    writeManifest(apps_, "alpha.plist", "com.example.alpha", {alpha_},
+                  {{"com.example.level", Value(version)}});
+    published = version;
+  }
+  done = true;
+  for (auto& reader : readers)
+    reader.join();
+  EXPECT_EQ(stale, 0);
+  EXPECT_EQ(missing, 0);
+  EXPECT_EQ(registry.entitlementValue(alpha, "com.example.level"), Value(kVersions));
+}
+
+// Listed paths are tried in search order, each fully: one that reaches the running file
+// through a symbolic link wins over a later one spelled as the kernel spells it, and another
+// hard link to the same file is another program.
+TEST_F(ApplicationRegistryTest, TheFirstListingInSearchOrderWinsHoweverItSpellsTheExecutable) {
+  fs::create_directories(root_ / "links");
+  fs::create_symlink(alpha_, root_ / "links" / "alpha");
+  fs::create_hard_link(alpha_, root_ / "links" / "alpha-hard");
+  writeManifest(apps_, "0-hard.plist", "com.example.hard",
+                {(root_ / "links" / "alpha-hard").string()}, {});
+  writeManifest(apps_, "1-linked.plist", "com.example.linked",
+                {(root_ / "links" / "alpha").string()}, {});
+  writeManifest(apps_, "2-exact.plist", "com.example.exact", {alpha_}, {});
+  ApplicationRegistry registry({apps_.string()});
+  AuditToken alpha = tokenOf(run(alpha_));
+  EXPECT_EQ(registry.bundleIdentifier(alpha), "com.example.linked");
+
+  fs::remove(apps_ / "1-linked.plist");
+  EXPECT_EQ(registry.bundleIdentifier(alpha), "com.example.exact");
+  // Started by its other name, the same file is the hard link's application.
+  EXPECT_EQ(registry.bundleIdentifier(tokenOf(run(root_ / "links" / "alpha-hard"))),
+            "com.example.hard");
+}
+
 TEST_F(ApplicationRegistryTest, EarlierDirectoriesAndFileNamesWinWhenManifestsOverlap) {
   writeManifest(apps_, "alpha.plist", "com.example.alpha", {alpha_}, {});
   writeManifest(apps2_, "alpha.plist", "com.example.alpha2", {alpha_}, {});

@@ -116,16 +116,15 @@ Result<std::string> readProcessExecutablePath(pid_t pid) {
 }
 
 Result<std::optional<std::string>> readFlatpakApplicationId(pid_t pid) {
-  std::string rootPath = procPath(pid, "root");
-  ScopedFd root(::open(rootPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (root.get() < 0)
-    return failure(posixError(errno, "Could not open", rootPath));
-  // Opened relative to the process's root, without following a final symbolic link: a link
-  // would be resolved against our own root, not the process's.
-  std::string infoPath = rootPath + "/.flatpak-info";
-  ScopedFd info(::openat(root.get(), ".flatpak-info",
-                         O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  // /proc/<pid>/root is followed into the process's root as a step of the path, and the file
+  // is opened there without following a final symbolic link: a link would be resolved
+  // against our own root, not the process's. One open, however the process is rooted.
+  std::string infoPath = procPath(pid, "root/.flatpak-info");
+  ScopedFd info(
+      ::open(infoPath.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (info.get() < 0) {
+    // No such file, or no such process any more: either way nothing says it is a Flatpak
+    // process, and one that has gone is refused by the caller's liveness check.
     if (errno == ENOENT)
       return std::optional<std::string>();
     return failure(posixError(errno, "Could not open", infoPath));

@@ -41,8 +41,11 @@ Result<std::string> readProcessExecutablePath(pid_t pid);
 
 // The Flatpak application id of a sandboxed process: the "name" key of the "[Application]"
 // group of .flatpak-info at the root of the process's file-system view. nullopt when that
-// file does not exist (not a Flatpak process). Fails when the process's root cannot be
-// opened, or the file exists but is no regular file, cannot be read or has no valid name.
+// file does not exist (not a Flatpak process), which is also the answer for a pid that names
+// no process: whether the process is still there is the caller's question to its token.
+// Fails when the file cannot be opened for another reason (not allowed to look into the
+// process's root; a symbolic link), or exists but is no regular file, cannot be read or has
+// no valid name.
 Result<std::optional<std::string>> readFlatpakApplicationId(pid_t pid);
 // Parses the key-file text of .flatpak-info. nullopt without a non-empty name in
 // "[Application]".
