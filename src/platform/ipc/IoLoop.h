@@ -25,6 +25,9 @@
 //   waking a worker (WorkerPool::JobKeeper). A handler that blocks in a BlockingScope, or that
 //   the watchdog sees running for `stallInterval` after it submitted, lets the job go to its
 //   pool, so a handler that waits for its own job without saying so is only delayed.
+// - A thread that has just run handlers polls epoll without sleeping for a few tens of
+//   microseconds before it waits: the next message of an exchange usually comes sooner than a
+//   sleeping core can be woken for it. Bounded per burst of work, so an idle process sleeps.
 // - One registration's handler never runs on two threads at once. When its descriptor is
 //   reported again while its handler still runs elsewhere, the descriptor is disarmed until
 //   that handler returns and then re-armed with its current events (nothing is lost: the
