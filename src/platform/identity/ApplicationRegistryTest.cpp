@@ -98,6 +98,17 @@ class ApplicationRegistryTest : public ::testing::Test {
                          }));
   }
 
+  // Writes alpha's manifest, with entitlement com.example.level = `level`, into the file at
+  // `path` as it stands (the same inode: an edit in place, which no rename announces).
+  void rewriteAlphaInPlace(const fs::path& path, int level) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << serializeXmlPropertyList(Value(Value::Dictionary{
+        {"BundleIdentifier", Value("com.example.alpha")},
+        {"Executables", Value(Value::Array{Value(alpha_.string())})},
+        {"Entitlements", Value(Value::Dictionary{{"com.example.level", Value(level)}})},
+    }));
+  }
+
   void writeAlphaAndBetaManifests() {
     alphaManifest_ =
         writeManifest(apps_, "alpha.plist", "com.example.alpha", {alpha_},
@@ -413,14 +424,7 @@ TEST_F(ApplicationRegistryTest, EveryKindOfManifestChangeIsSeenByTheVeryNextLook
   // Written in place through another name of the same file, which the directory never sees.
   fs::create_directories(root_ / "elsewhere");
   fs::create_hard_link(alphaManifest_, root_ / "elsewhere" / "alpha-link.plist");
-  {
-    std::ofstream out(root_ / "elsewhere" / "alpha-link.plist", std::ios::binary | std::ios::trunc);
-    out << serializeXmlPropertyList(Value(Value::Dictionary{
-        {"BundleIdentifier", Value("com.example.alpha")},
-        {"Executables", Value(Value::Array{Value(alpha_.string())})},
-        {"Entitlements", Value(Value::Dictionary{{"com.example.level", Value(6)}})},
-    }));
-  }
+  rewriteAlphaInPlace(root_ / "elsewhere" / "alpha-link.plist", 6);
   EXPECT_EQ(level(), Value(6));
 
   {
@@ -457,14 +461,7 @@ TEST_F(ApplicationRegistryTest, ASymlinkedManifestIsTheFileItLeadsToNow) {
   ASSERT_EQ(level(), Value(1));
 
   // The target written in place.
-  {
-    std::ofstream out(target, std::ios::binary | std::ios::trunc);
-    out << serializeXmlPropertyList(Value(Value::Dictionary{
-        {"BundleIdentifier", Value("com.example.alpha")},
-        {"Executables", Value(Value::Array{Value(alpha_.string())})},
-        {"Entitlements", Value(Value::Dictionary{{"com.example.level", Value(2)}})},
-    }));
-  }
+  rewriteAlphaInPlace(target, 2);
   EXPECT_EQ(level(), Value(2));
 
   {
