@@ -430,9 +430,13 @@ void ExtensionSupervisor::idleTimerFired() {
     process_.reset();
     processReady_ = false;
   }
-  DKLogInfo("Extension %@ has had no request for %ld s; stopping it", *process,
+  stopIdleProcess(*process);
+}
+
+void ExtensionSupervisor::stopIdleProcess(ExtensionProcess& process) {
+  DKLogInfo("Extension %@ has had no request for %ld s; stopping it", process,
             static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(idleTime_).count()));
-  process->stop();
+  process.stop();
 }
 
 void ExtensionSupervisor::idleTimeElapsed(std::uint64_t generation, std::uint64_t token) {
@@ -445,9 +449,7 @@ void ExtensionSupervisor::idleTimeElapsed(std::uint64_t generation, std::uint64_
     process_.reset();
     processReady_ = false;
   }
-  DKLogInfo("Extension %@ has had no request for %ld s; stopping it", *process,
-            static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(idleTime_).count()));
-  process->stop();
+  stopIdleProcess(*process);
 }
 
 }  // namespace daskel::platform

@@ -117,6 +117,8 @@ class ExtensionSupervisor final : public AppExtension,
   // With a clock: the one idle timer, armed to fire `delay` from now. Caller holds mutex_.
   void armIdleTimerLocked(std::chrono::steady_clock::duration delay);
   void idleTimerFired();
+  // Stops a process taken from process_ because it served nothing for idleTime_.
+  void stopIdleProcess(ExtensionProcess& process);
   bool currentProcessIsIdleLocked() const;
 
   const std::shared_ptr<const PluginRecord> record_;
