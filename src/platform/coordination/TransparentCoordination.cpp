@@ -15,6 +15,7 @@
 #include <filesystem>
 
 #include "platform/coordination/TransparentCoordinationMounts.h"
+#include "platform/filesystem/FileSystem.h"
 #include "platform/identity/AuditToken.h"
 #include "platform/identity/ApplicationRegistry.h"
 #include "platform/identity/ProcessAncestry.h"
@@ -29,15 +30,6 @@ constexpr std::uint64_t kWatchedEvents = FAN_OPEN_PERM | FAN_CLOSE_WRITE;
 
 std::string errnoText(int error) { return std::strerror(error); }
 
-// What the event descriptor refers to, as this process sees it ("" when it cannot tell).
-std::string pathOfDescriptor(int fd) {
-  char buffer[PATH_MAX];
-  const std::string link = "/proc/self/fd/" + std::to_string(fd);
-  const ssize_t length = ::readlink(link.c_str(), buffer, sizeof buffer - 1);
-  if (length <= 0)
-    return {};
-  return std::string(buffer, static_cast<std::size_t>(length));
-}
 
 // The executable `pid` runs, "" when it cannot be read (the process is gone). A readlink
 // in /proc, cheap enough for the event loop.
@@ -338,7 +330,7 @@ void TransparentCoordination::handlePermission(int eventFd, pid_t pid) {
     respondLocked(eventFd, kAllow);
     return;
   }
-  const std::string path = pathOfDescriptor(eventFd);
+  const std::string path = pathOfDescriptor(eventFd).value_or("");
   std::optional<Url> url;
   if (!path.empty() && !isPlaceholderName(path))
     url = Url::fileUrlWithPath(path, false);
@@ -416,7 +408,7 @@ void TransparentCoordination::askProvider(std::uint64_t id,
 }
 
 void TransparentCoordination::handleCloseWrite(int eventFd, pid_t pid) {
-  const std::string path = pathOfDescriptor(eventFd);
+  const std::string path = pathOfDescriptor(eventFd).value_or("");
   ::close(eventFd);
   if (isExempt(pid) || path.empty() || isPlaceholderName(path))
     return;

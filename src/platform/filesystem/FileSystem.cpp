@@ -58,6 +58,16 @@ bool appendNormalizedComponents(std::string& result, std::string_view path) {
   return true;
 }
 
+// Where `fd` leads as an absolute canonical path; nullopt when the kernel's name is not one
+// (a socket, say) or the file was removed since it was opened.
+std::optional<std::string> canonicalPathOfDescriptor(int fd) {
+  std::optional<std::string> name = pathOfDescriptor(fd);
+  if (!name || name->empty() || name->front() != '/' || name->ends_with(kDeletedSuffix)) {
+    return std::nullopt;
+  }
+  return name;
+}
+
 // The canonical form of `path` when all of it exists (the usual case): the kernel resolves
 // every component and symbolic link in one open(), and /proc/self/fd names where it ended,
 // so this costs three system calls rather than a stat and a readlink per component. nullopt
@@ -72,19 +82,9 @@ std::optional<std::string> resolvedExistingPath(const char* path, int* openError
     *openError = errno;
     return std::nullopt;
   }
-  char link[32];
-  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  char buffer[PATH_MAX];
-  const ssize_t length = ::readlink(link, buffer, sizeof buffer);
+  std::optional<std::string> resolved = canonicalPathOfDescriptor(fd);
   ::close(fd);
-  if (length <= 0 || static_cast<std::size_t>(length) >= sizeof buffer || buffer[0] != '/') {
-    return std::nullopt;
-  }
-  const std::string_view resolved(buffer, static_cast<std::size_t>(length));
-  if (resolved.ends_with(kDeletedSuffix)) {
-    return std::nullopt;
-  }
-  return std::string(resolved);
+  return resolved;
 }
 
 // The canonical form of `path` when only its tail is missing, as it is for an item that
@@ -131,19 +131,12 @@ std::optional<std::string> resolvedPathWithMissingTail(std::string_view path) {
     const std::string firstMissing(name);
     const bool absent = ::fstatat(fd, firstMissing.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 &&
                         errno == ENOENT;
-    char link[32];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    char buffer[PATH_MAX];
-    const ssize_t length = absent ? ::readlink(link, buffer, sizeof buffer) : -1;
+    std::optional<std::string> resolvedHead = absent ? canonicalPathOfDescriptor(fd) : std::nullopt;
     ::close(fd);
-    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof buffer || buffer[0] != '/') {
+    if (!resolvedHead) {
       return std::nullopt;
     }
-    const std::string_view resolvedHead(buffer, static_cast<std::size_t>(length));
-    if (resolvedHead.ends_with(kDeletedSuffix)) {
-      return std::nullopt;
-    }
-    std::string result(resolvedHead);
+    std::string result = std::move(*resolvedHead);
     // The missing names; none may be "." or "..".
     if (!appendNormalizedComponents(result, path.substr(slash + 1))) {
       return std::nullopt;
@@ -277,6 +270,17 @@ DirectoryRelationship compareCanonical(const std::string& directory,
 }
 
 }  // namespace
+
+std::optional<std::string> pathOfDescriptor(int fd) {
+  char link[32];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  char buffer[PATH_MAX];
+  const ssize_t length = ::readlink(link, buffer, sizeof buffer);
+  if (length <= 0 || static_cast<std::size_t>(length) >= sizeof buffer) {
+    return std::nullopt;
+  }
+  return std::string(buffer, static_cast<std::size_t>(length));
+}
 
 std::string homeDirectory() {
   if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {

@@ -4,6 +4,7 @@
 // THREADING NOTES: free functions without shared state; safe from any thread.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "platform/url/Url.h"
@@ -29,6 +30,11 @@ enum class DirectoryRelationship { Contains, Same, Other };
 // therefore not Contains, and neither is "dir/../..". Fails when a side is not a file URL or
 // its existing prefix cannot be resolved (permissions, a loop).
 Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory, const Url& item);
+
+// What the open descriptor `fd` refers to, as the kernel names it in /proc/self/fd (a path,
+// ending in " (deleted)" for a removed file, or "socket:[...]" and the like); nullopt when it
+// cannot be read.
+std::optional<std::string> pathOfDescriptor(int fd);
 // The same; when the answer is Contains and `relativePath` is not null, it receives the item's
 // resolved path relative to the resolved directory ("sub/item.txt"), the very path the
 // answer was judged on.

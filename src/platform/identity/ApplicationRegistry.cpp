@@ -53,12 +53,7 @@ bool isListedExecutable(const std::string& path,
     return false;
   bool same = ::fstat(fd, &st) == 0 && st.st_dev == running.st_dev && st.st_ino == running.st_ino;
   if (same) {
-    char link[32];
-    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    char resolved[PATH_MAX];
-    const ssize_t length = ::readlink(link, resolved, sizeof resolved);
-    same = length > 0 && static_cast<std::size_t>(length) < sizeof resolved &&
-           std::string_view(resolved, static_cast<std::size_t>(length)) == executable;
+    same = pathOfDescriptor(fd) == executable;
   }
   ::close(fd);
   return same;
