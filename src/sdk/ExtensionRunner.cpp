@@ -214,7 +214,9 @@ void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
     requests->open.emplace(uuid, connection);
   }
   DKLogDebug("Serving request %@", uuid);
-  connection->resume();
+  // The daemon sends the request right behind the begin packet: serve it before whatever
+  // else is ready (the end of the previous request, usually).
+  connection->resume(IpcConnection::PeerInput::Sent);
 }
 
 void ExtensionRunner::cancel(Requests& requests, const std::string& uuid) {

@@ -88,6 +88,13 @@ class IoLoop final : private WorkerPool::BlockingObserver {
   // Stops reporting and releases the handler. Unknown ids are ignored.
   void remove(RegistrationId id, int fd);
 
+  // Called on a loop thread: the handler of `id` runs with `events` as soon as the calling
+  // handler returns, ahead of the other descriptors the kernel has reported, without waiting
+  // for the kernel to report it. For a descriptor whose input is on its way already (a
+  // request socket handed over right before its request): the request is served before the
+  // clean-up of older ones. Called elsewhere, it does nothing: the kernel reports the input.
+  void handleSoon(RegistrationId id, std::uint32_t events);
+
   // True on a loop thread (inside a handler).
   bool isLoopThread() const;
 

@@ -3,7 +3,8 @@
 // once and is re-armed after it returns, and a registration removed while its handler runs
 // is released when the handler returns and is not called again. A handler's first pool job
 // runs on the handler's thread once the handler has returned, and a handler that waits for
-// that job without saying so still gets it run.
+// that job without saying so still gets it run. A descriptor a handler names for handling
+// soon goes ahead of one the kernel reported earlier.
 #include "platform/ipc/IoLoop.h"
 
 #include <sys/epoll.h>
@@ -271,6 +272,66 @@ TEST(IoLoop, AHandlerWaitingForItsOwnPoolJobWithoutSayingSoIsNotDeadlocked) {
     EXPECT_EQ(result->load(), 1);
     IoLoop::shared().remove(*id, pipe.watched());
   }
+}
+
+TEST(IoLoop, ADescriptorAHandlerNamesForHandlingSoonGoesAheadOfOnesTheKernelReportedFirst) {
+  // The kernel reports ready descriptors in the order they became ready: `older` before
+  // `fresh`, whose input was written before it was registered. Named by the trigger's handler,
+  // `fresh` is handled first, and also when it has no input at all.
+  for (const bool freshHasInput : {true, false}) {
+    SCOPED_TRACE(freshHasInput ? "fresh with input" : "fresh without input");
+    Pipe trigger;
+    Pipe older;
+    Pipe fresh;
+    auto order = std::make_shared<Inbox<std::string>>();
+    auto named = std::make_shared<std::atomic<IoLoop::RegistrationId>>(0);
+    auto report = [order](const Pipe& pipe, const std::string& name) {
+      return IoLoop::shared().add(pipe.watched(), EPOLLIN, [fd = pipe.watched(), order, name](std::uint32_t events) {
+        drain(fd);
+        order->push(name + ((events & EPOLLIN) ? "" : " without EPOLLIN"));
+      });
+    };
+    auto olderId = report(older, "older");
+    ASSERT_TRUE(olderId);
+    auto triggerId = IoLoop::shared().add(trigger.watched(), EPOLLIN, [&, order, named](std::uint32_t) {
+      drain(trigger.watched());
+      older.write("o");
+      if (freshHasInput) {
+        fresh.write("f");
+      }
+      auto freshId = report(fresh, "fresh");
+      ASSERT_TRUE(freshId);
+      *named = *freshId;
+      IoLoop::shared().handleSoon(*freshId, EPOLLIN);
+      order->push("trigger");
+    });
+    ASSERT_TRUE(triggerId);
+    trigger.write("t");
+    ASSERT_TRUE(order->waitForCount(3));
+    EXPECT_EQ(order->items(), (std::vector<std::string>{"trigger", "fresh", "older"}));
+    IoLoop::shared().remove(*triggerId, trigger.watched());
+    IoLoop::shared().remove(*olderId, older.watched());
+    IoLoop::shared().remove(named->load(), fresh.watched());
+  }
+}
+
+TEST(IoLoop, NamingADescriptorForHandlingSoonOutsideTheLoopLeavesItToTheKernel) {
+  Pipe quiet;
+  Pipe later;
+  auto calls = std::make_shared<Inbox<std::string>>();
+  auto quietId = IoLoop::shared().add(quiet.watched(), EPOLLIN, [calls](std::uint32_t) { calls->push("quiet"); });
+  ASSERT_TRUE(quietId);
+  IoLoop::shared().handleSoon(*quietId, EPOLLIN);  // not a loop thread: nothing happens
+  auto laterId = IoLoop::shared().add(later.watched(), EPOLLIN, [fd = later.watched(), calls](std::uint32_t) {
+    drain(fd);
+    calls->push("later");
+  });
+  ASSERT_TRUE(laterId);
+  later.write("x");
+  ASSERT_TRUE(calls->waitForCount(1));
+  EXPECT_EQ(calls->items(), (std::vector<std::string>{"later"}));
+  IoLoop::shared().remove(*quietId, quiet.watched());
+  IoLoop::shared().remove(*laterId, later.watched());
 }
 
 }  // namespace

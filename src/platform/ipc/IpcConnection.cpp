@@ -223,7 +223,7 @@ void IpcConnection::setIdentityResolver(std::shared_ptr<const IpcIdentityResolve
 
 // ---- life cycle ----
 
-void IpcConnection::resume() {
+void IpcConnection::resume(PeerInput input) {
   {
     std::lock_guard lock(mutex_);
     if (state_ != State::Initial) {
@@ -236,7 +236,8 @@ void IpcConnection::resume() {
   auto self = shared_from_this();
   auto started = stream_->start(
       [self](std::vector<std::uint8_t> payload) { self->streamDidReceiveFrame(std::move(payload)); },
-      [self](IpcStream::End end, ErrorPtr reason) { self->streamDidEnd(end, std::move(reason)); });
+      [self](IpcStream::End end, ErrorPtr reason) { self->streamDidEnd(end, std::move(reason)); },
+      input == PeerInput::Sent);
   if (!started) {
     close(started.error(), Cause::Local,
           description() + ": cannot start reading: " + reasonText(started.error()));

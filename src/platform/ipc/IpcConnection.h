@@ -136,8 +136,16 @@ class IpcConnection : public std::enable_shared_from_this<IpcConnection> {
   // Overrides the process-wide default resolver for this connection.
   void setIdentityResolver(std::shared_ptr<const IpcIdentityResolver> resolver);
 
+  // Whether the peer has most likely sent its first message by the time of resume().
+  enum class PeerInput {
+    NotYet,
+    // The peer sent it together with the socket (a request socket handed over right before
+    // its request): resumed on a loop thread, the socket is read right after the calling
+    // handler, ahead of other ready sockets, instead of when the kernel reports it.
+    Sent,
+  };
   // Starts delivery. Idempotent; does nothing on a closed connection.
-  void resume();
+  void resume(PeerInput input = PeerInput::NotYet);
   // Closes the connection. Idempotent.
   void invalidate();
   // False once closed.

@@ -85,7 +85,7 @@ bool IpcStream::isClosed() const {
   return closed_;
 }
 
-Result<void> IpcStream::start(FrameHandler onFrame, EndHandler onEnd) {
+Result<void> IpcStream::start(FrameHandler onFrame, EndHandler onEnd, bool inputSent) {
   std::lock_guard lock(mutex_);
   if (closed_) {
     return failure(IpcError(IpcErrorCode::ConnectionInvalid, "the connection is closed"));
@@ -98,6 +98,9 @@ Result<void> IpcStream::start(FrameHandler onFrame, EndHandler onEnd) {
     handlers_.reset();
     return failure(IpcError(IpcErrorCode::ConnectionInvalid,
                             "cannot watch socket " + std::to_string(fd_) + " for input"));
+  }
+  if (inputSent) {
+    IoLoop::shared().handleSoon(*registration_, EPOLLIN);
   }
   return {};
 }

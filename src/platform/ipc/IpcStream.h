@@ -96,8 +96,10 @@ class IpcStream : public std::enable_shared_from_this<IpcStream> {
   // The socket, for reading its peer credentials; -1 once closed.
   int fd() const;
 
-  // Starts reading. Call at most once.
-  Result<void> start(FrameHandler onFrame, EndHandler onEnd);
+  // Starts reading. Call at most once. With `inputSent` (the peer has most likely sent the
+  // first message already), a loop thread calling this reads the socket right after its
+  // current handler (IoLoop::handleSoon) rather than when the kernel reports it.
+  Result<void> start(FrameHandler onFrame, EndHandler onEnd, bool inputSent = false);
 
   // Queues one complete frame (header included). Dropped once the stream is closed or a
   // write has failed.
