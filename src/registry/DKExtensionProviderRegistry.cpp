@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "platform/dispatch/DispatchQueue.h"
@@ -266,11 +267,17 @@ std::shared_ptr<DKExtensionProvider> DKExtensionProviderRegistry::providerForURL
     for (const auto& [identifier, provider] : state.registryQueueProviders) {
       snapshot.push_back(provider);
     }
+    // The item is resolved once, at the first provider with a directory, not once per
+    // provider: with many providers installed that was most of a look-up's system calls.
+    std::optional<platform::ResolvedItem> item;
     for (const auto& provider : snapshot) {
       // Member queue inside the registry queue: the permitted nesting.
       std::optional<Url> directory = provider->providedItemsURL();
+      if (directory && !item) {
+        item.emplace(url);
+      }
       platform::Result<DirectoryRelationship> relationship =
-          directory ? platform::relationshipOfDirectoryToItem(*directory, url)
+          directory ? platform::relationshipOfDirectoryToItem(*directory, *item)
                     : platform::failure(platform::makeError(
                           platform::kPosixErrorDomain, ENOENT,
                           "The provider " + provider->identifier() + " has no storage directory"));

@@ -1,6 +1,7 @@
 #include "platform/coordination/FileCoordinationRouter.h"
 
 #include <atomic>
+#include <optional>
 #include <utility>
 
 #include "platform/filesystem/FileSystem.h"
@@ -43,11 +44,14 @@ std::shared_ptr<CoordinationProvider> FileCoordinationRouter::writingProviderFor
     const Url& url) const {
   if (auto owner = coordinator_->providerForURL(url))
     return owner;
+  std::optional<ResolvedItem> item;  // resolved once, at the first directory
   for (const auto& provider : coordinator_->providers()) {
     const std::optional<Url> directory = provider->_providedItemsURL();
     if (!directory)
       continue;
-    auto relationship = relationshipOfDirectoryToItem(*directory, url);
+    if (!item)
+      item.emplace(url);
+    auto relationship = relationshipOfDirectoryToItem(*directory, *item);
     if (relationship && *relationship == DirectoryRelationship::Same)
       return provider;
   }

@@ -1,6 +1,7 @@
 #include "platform/coordination/FileCoordinator.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "platform/filesystem/FileSystem.h"
@@ -90,11 +91,14 @@ bool FileCoordinator::isRegistered(const CoordinationProvider& provider) const {
 std::shared_ptr<CoordinationProvider> FileCoordinator::providerForURL(const Url& url) const {
   // Providers are asked for their directory outside the lock: the question may take a
   // provider's own lock, and a provider may call back into the coordinator.
+  std::optional<ResolvedItem> item;  // resolved once, at the first directory
   for (const auto& provider : providers()) {
     const std::optional<Url> directory = provider->_providedItemsURL();
     if (!directory)
       continue;
-    auto relationship = relationshipOfDirectoryToItem(*directory, url);
+    if (!item)
+      item.emplace(url);
+    auto relationship = relationshipOfDirectoryToItem(*directory, *item);
     if (relationship && *relationship == DirectoryRelationship::Contains)
       return provider;
   }

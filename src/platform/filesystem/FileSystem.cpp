@@ -343,15 +343,28 @@ Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory
 Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
                                                             const Url& item,
                                                             std::string* relativePath) {
+  // The directory's URL is checked first, as it always was: its error goes before the item's.
+  if (Result<std::string> directoryPath = filePath(directory); !directoryPath) {
+    return failure(directoryPath.error());
+  }
+  return relationshipOfDirectoryToItem(directory, ResolvedItem(item), relativePath);
+}
+
+ResolvedItem::ResolvedItem(const Url& item)
+    : path_(filePath(item)),
+      canonical_(path_ ? canonicalPath(*path_) : Result<std::string>(failure(path_.error()))) {}
+
+Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
+                                                            const ResolvedItem& item,
+                                                            std::string* relativePath) {
   Result<std::string> directoryPath = filePath(directory);
   if (!directoryPath) {
     return failure(directoryPath.error());
   }
-  Result<std::string> itemPath = filePath(item);
-  if (!itemPath) {
-    return failure(itemPath.error());
+  if (!item.path_) {
+    return failure(item.path_.error());
   }
-  Result<std::string> canonicalItem = canonicalPath(*itemPath);
+  const Result<std::string>& canonicalItem = item.canonical_;
   if (!canonicalItem) {
     // The directory's failure, when it has one, is the one reported.
     Result<std::string> canonicalDirectory = canonicalPath(*directoryPath);

@@ -42,6 +42,25 @@ Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory
                                                             const Url& item,
                                                             std::string* relativePath);
 
+// An item resolved once, for comparing one item with many directories (every installed
+// provider's, say): the item's side of relationshipOfDirectoryToItem, done ahead. The answer
+// is judged on the resolution made when this was constructed.
+class ResolvedItem {
+ public:
+  explicit ResolvedItem(const Url& item);
+
+ private:
+  friend Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
+                                                                     const ResolvedItem& item,
+                                                                     std::string* relativePath);
+  Result<std::string> path_;       // the item's file path, or why it has none
+  Result<std::string> canonical_;  // that path resolved, when there is one
+};
+// relationshipOfDirectoryToItem for an item resolved ahead, with the same answers and errors.
+Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
+                                                            const ResolvedItem& item,
+                                                            std::string* relativePath = nullptr);
+
 inline constexpr char kPosixErrorDomain[] = "posix";
 inline constexpr char kPosixErrorPathKey[] = "path";
 

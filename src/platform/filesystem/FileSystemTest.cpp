@@ -395,23 +395,72 @@ TEST(DirectoryRelationship, AgreesWithComparingWeaklyCanonicalFormsAcrossATreeOf
     return DirectoryRelationship::Contains;
   };
 
-  for (const std::string& directoryName : directories) {
-    for (const std::string& itemName : items) {
+  for (const std::string& itemName : items) {
+    const std::string item = itemName.front() == '/' ? itemName : dir / itemName;
+    // Resolved once and compared with every directory, as a look-up among providers does.
+    const ResolvedItem resolved(fileUrl(item));
+    for (const std::string& directoryName : directories) {
       const std::string directory = dir / directoryName;
-      const std::string item = itemName.front() == '/' ? itemName : dir / itemName;
       std::string expectedRelative;
       const DirectoryRelationship expected = reference(directory, item, &expectedRelative);
       for (const Url& directoryUrl : {dirUrl(directory), fileUrl(directory)}) {
-        std::string relative;
-        auto result = relationshipOfDirectoryToItem(directoryUrl, fileUrl(item), &relative);
-        ASSERT_TRUE(result.has_value()) << directory << " / " << item;
-        EXPECT_EQ(*result, expected) << directory << " / " << item;
-        if (expected == DirectoryRelationship::Contains) {
-          EXPECT_EQ(relative, expectedRelative) << directory << " / " << item;
+        for (const bool ahead : {false, true}) {
+          SCOPED_TRACE(ahead ? "item resolved ahead" : "item resolved per call");
+          std::string relative;
+          auto result = ahead ? relationshipOfDirectoryToItem(directoryUrl, resolved, &relative)
+                              : relationshipOfDirectoryToItem(directoryUrl, fileUrl(item), &relative);
+          ASSERT_TRUE(result.has_value()) << directory << " / " << item;
+          EXPECT_EQ(*result, expected) << directory << " / " << item;
+          if (expected == DirectoryRelationship::Contains) {
+            EXPECT_EQ(relative, expectedRelative) << directory << " / " << item;
+          }
         }
       }
     }
   }
+}
+
+TEST(DirectoryRelationship, AnItemResolvedAheadIsJudgedOnThatResolution) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage/real");
+  fs::create_directories(dir / "outside");
+  fs::create_symlink(dir / "storage/real", dir / "storage/moving");
+  const ResolvedItem item(fileUrl(dir / "storage/moving/doc"));
+  // The link now points outside; the item was resolved while it pointed inside.
+  fs::remove(dir / "storage/moving");
+  fs::create_symlink(dir / "outside", dir / "storage/moving");
+  EXPECT_EQ(relationshipOfDirectoryToItem(dirUrl(dir / "storage"), item),
+            DirectoryRelationship::Contains);
+  EXPECT_EQ(relationshipOfDirectoryToItem(dirUrl(dir / "storage"), fileUrl(dir / "storage/moving/doc")),
+            DirectoryRelationship::Other);
+}
+
+TEST(DirectoryRelationship, AnItemResolvedAheadFailsAsTheItemWouldWithTheDirectorysErrorFirst) {
+  TemporaryDirectory dir;
+  fs::create_directories(dir / "storage");
+  fs::create_symlink("loop", dir / "storage/loop");
+  const Url web = *Url::fromString("http://example.com/storage/");
+  const ResolvedItem looping(fileUrl(dir / "storage/loop/doc"));
+  const ResolvedItem notAFile(web);
+
+  auto loop = relationshipOfDirectoryToItem(dirUrl(dir / "storage"), looping);
+  ASSERT_FALSE(loop.has_value());
+  EXPECT_EQ(loop.error()->code, ELOOP);
+  auto webItem = relationshipOfDirectoryToItem(dirUrl(dir / "storage"), notAFile);
+  ASSERT_FALSE(webItem.has_value());
+  EXPECT_EQ(webItem.error()->code, EINVAL);
+  // A directory that is not a file URL, or that cannot be resolved itself, is what is reported.
+  auto webDirectory = relationshipOfDirectoryToItem(web, looping);
+  ASSERT_FALSE(webDirectory.has_value());
+  EXPECT_EQ(webDirectory.error()->code, EINVAL);
+  // Both sides loop: the same error as the item resolved per call, the directory's.
+  fs::create_symlink("other", dir / "other");
+  auto bothLoop = relationshipOfDirectoryToItem(dirUrl(dir / "other"), looping);
+  auto perCall = relationshipOfDirectoryToItem(dirUrl(dir / "other"), fileUrl(dir / "storage/loop/doc"));
+  ASSERT_FALSE(bothLoop.has_value());
+  ASSERT_FALSE(perCall.has_value());
+  EXPECT_EQ(bothLoop.error()->code, ELOOP);
+  EXPECT_EQ(bothLoop.error()->userInfo, perCall.error()->userInfo);
 }
 
 TEST(DirectoryRelationship, TrailingSeparatorsAreIgnored) {
