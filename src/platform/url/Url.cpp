@@ -114,7 +114,11 @@ std::string pathOf(const ParsedUri& parsed) {
       result += '/';
     }
     first = false;
-    result += percentDecoded(rangeText(segment->text));
+    // Decoded in place at the end of the result: no string per segment.
+    const std::size_t start = result.size();
+    result += rangeText(segment->text);
+    const char* end = uriUnescapeInPlaceExA(result.data() + start, URI_FALSE, URI_BR_DONT_TOUCH);
+    result.resize(static_cast<std::size_t>(end - result.data()));
   }
   return result;
 }
@@ -143,7 +147,7 @@ std::optional<Url> Url::fileUrlWithPath(std::string_view path, bool isDirectory)
 
 
 std::string Url::lastPathComponent() const {
-  ParsedUri parsed(absoluteString_);
+  ParsedUri parsed(absoluteString());
   std::string_view last;
   for (const UriPathSegmentA* segment = parsed.uri().pathHead; segment != nullptr;
        segment = segment->next) {
@@ -156,7 +160,7 @@ std::string Url::lastPathComponent() const {
 }
 
 bool Url::hasDirectoryPath() const {
-  ParsedUri parsed(absoluteString_);
+  ParsedUri parsed(absoluteString());
   const UriPathSegmentA* tail = parsed.uri().pathTail;
   return tail != nullptr && rangeText(tail->text).empty();
 }
@@ -165,11 +169,11 @@ std::optional<Url> Url::appendingPathComponent(std::string_view component, bool 
   if (component.find('\0') != std::string_view::npos) {
     return std::nullopt;
   }
-  ParsedUri parsed(absoluteString_);
+  ParsedUri parsed(absoluteString());
   if (!parsed.ok()) {
     return std::nullopt;
   }
-  std::string_view text = absoluteString_;
+  std::string_view text = absoluteString();
   std::size_t end = pathEnd(parsed, text);
   std::string result(text.substr(0, end));
   if (result.empty() || result.back() != '/') {
@@ -188,11 +192,11 @@ std::optional<Url> Url::appendingPathComponent(std::string_view component, bool 
 }
 
 std::optional<Url> Url::deletingLastPathComponent() const {
-  ParsedUri parsed(absoluteString_);
+  ParsedUri parsed(absoluteString());
   if (!parsed.ok()) {
     return std::nullopt;
   }
-  std::string_view text = absoluteString_;
+  std::string_view text = absoluteString();
   // Empty segments carry text pointers outside `text`, so only non-empty ones are located.
   const char* lastStart = nullptr;
   for (const UriPathSegmentA* segment = parsed.uri().pathHead; segment != nullptr;

@@ -4,6 +4,7 @@
 // Immutable value type; safe to share between threads.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,11 +19,11 @@ class Url {
   // ends in "/". nullopt for a relative path or one holding a NUL.
   static std::optional<Url> fileUrlWithPath(std::string_view path, bool isDirectory);
 
-  const std::string& absoluteString() const { return absoluteString_; }
-  const std::string& scheme() const { return scheme_; }  // lower case
-  bool isFileUrl() const { return scheme_ == "file"; }
+  const std::string& absoluteString() const { return parts_->absoluteString; }
+  const std::string& scheme() const { return parts_->scheme; }  // lower case
+  bool isFileUrl() const { return parts_->scheme == "file"; }
   // The percent-decoded path; for a file URL, the file-system path ("" when none).
-  const std::string& path() const { return path_; }
+  const std::string& path() const { return parts_->path; }
   // The last non-empty path component, percent-decoded ("" for "/").
   std::string lastPathComponent() const;
   bool hasDirectoryPath() const;  // the path ends in "/"
@@ -31,19 +32,30 @@ class Url {
   // The same URL without its last path component, ending in "/".
   std::optional<Url> deletingLastPathComponent() const;
 
-  const std::string& description() const { return absoluteString_; }
+  const std::string& description() const { return parts_->absoluteString; }
 
-  bool operator==(const Url& other) const = default;
+  // The same text is the same URL (the rest is derived from it).
+  bool operator==(const Url& other) const {
+    return parts_ == other.parts_ || parts_->absoluteString == other.parts_->absoluteString;
+  }
+
+  // Copies share the parsed text (a URL goes through many hands per request, and copying
+  // three strings each time was most of what it cost). No moves: a copy is as cheap, and a
+  // URL is never left empty.
+  Url(const Url&) = default;
+  Url& operator=(const Url&) = default;
 
  private:
+  struct Parts {
+    std::string absoluteString;
+    // Derived from absoluteString when it is parsed.
+    std::string scheme;
+    std::string path;
+  };
   Url(std::string absoluteString, std::string scheme, std::string path)
-      : absoluteString_(std::move(absoluteString)),
-        scheme_(std::move(scheme)),
-        path_(std::move(path)) {}
-  std::string absoluteString_;
-  // Derived from absoluteString_ when it is parsed, so equality still means the same text.
-  std::string scheme_;
-  std::string path_;
+      : parts_(std::make_shared<const Parts>(
+            Parts{std::move(absoluteString), std::move(scheme), std::move(path)})) {}
+  std::shared_ptr<const Parts> parts_;  // never null
 };
 
 }  // namespace daskel::platform
