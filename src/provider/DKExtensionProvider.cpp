@@ -203,32 +203,40 @@ void DKExtensionProvider::performExtensionRequest(RequestBlock requestBlock) {
       requestBlock(DKProxyNotFoundError(identifier(), nullptr), nullptr, [] {});
     return;
   }
-  extension->beginRequest([self, requestBlock = std::move(requestBlock)](
-                              const std::string& requestUuid, const ErrorPtr& error) {
+  // Held once and shared: the proxy's error handler holds the request block too, and a copy
+  // of it would copy everything the caller's block captured.
+  auto shared = std::make_shared<const RequestBlock>(std::move(requestBlock));
+  extension->beginRequest([self, requestBlock = std::move(shared)](const std::string& requestUuid,
+                                                                   const ErrorPtr& error) {
     // The done block ends the request on whatever extension the provider has when it runs.
-    const DoneBlock done = [self, requestUuid] {
-      if (auto extension = self->extension())
-        extension->cancelRequest(requestUuid);
+    // What it needs sits behind one pointer, so that the copies callers keep cost little.
+    struct Ending {
+      std::shared_ptr<DKExtensionProvider> provider;
+      std::string requestUuid;
+    };
+    const DoneBlock done = [ending = std::make_shared<const Ending>(Ending{self, requestUuid})] {
+      if (auto extension = ending->provider->extension())
+        extension->cancelRequest(ending->requestUuid);
     };
     DKLogDebug("Beginning extension request.");
     if (error) {
       DKLogError("Extension request failed. Error: %@", error);
-      if (requestBlock)
-        requestBlock(error, nullptr, done);
+      if (*requestBlock)
+        (*requestBlock)(error, nullptr, done);
       return;
     }
     auto proxy = self->proxyForIdentifier(requestUuid, [requestBlock, done](const ErrorPtr& error) {
-      if (requestBlock)
-        requestBlock(error, nullptr, done);
+      if (*requestBlock)
+        (*requestBlock)(error, nullptr, done);
     });
     if (proxy) {
-      if (requestBlock)
-        requestBlock(nullptr, proxy, done);
+      if (*requestBlock)
+        (*requestBlock)(nullptr, proxy, done);
       return;
     }
     DKLogError("Could not get proxy object for a request.");
-    if (requestBlock)
-      requestBlock(DKProxyNotFoundError(self->identifier(), nullptr), nullptr, done);
+    if (*requestBlock)
+      (*requestBlock)(DKProxyNotFoundError(self->identifier(), nullptr), nullptr, done);
   });
 }
 

@@ -6,6 +6,7 @@
 // vendor message whose reply ends the request through the done block. On the failure path
 // only itemChangedAtURL ends the request itself; the others leave it to the extension
 // machinery, which ends a request when its connection closes.
+#include <memory>
 #include <utility>
 
 #include "platform/dispatch/DispatchQueue.h"
@@ -33,20 +34,28 @@ Value valueAt(const Value::Array& reply, std::size_t index) {
   return index < reply.size() ? reply[index] : Value();
 }
 
+// A completion held once and shared by the blocks that may call it. The request block is
+// copied (into the proxy's error handler) and may run twice, and a copied completion copied
+// everything it had captured: a request's worth of strings and nested blocks, several times.
+template <typename Completion>
+std::shared_ptr<const Completion> share(Completion completion) {
+  return std::make_shared<const Completion>(std::move(completion));
+}
+
 }  // namespace
 
 void DKExtensionProvider::providePlaceholderForItemAtURL(const Url& url,
                                                          ErrorCompletion completion) {
   DKLogDebug("%s", "-[DKExtensionProvider providePlaceholderForItemAtURL:completionHandler:]");
   auto self = shared_from_this();
-  performExtensionRequest([self, url, completion](const ErrorPtr& error,
-                                                  const std::shared_ptr<IpcRemoteProxy>& proxy,
-                                                  const DoneBlock& done) {
+  performExtensionRequest([self, url, completion = share(std::move(completion))](
+                              const ErrorPtr& error, const std::shared_ptr<IpcRemoteProxy>& proxy,
+                              const DoneBlock& done) {
     if (error) {
       DKLogError("Cannot provide placeholder for item at URL %@ for extension %@. Error: %@", url,
                  self->identifier(), error);
-      if (completion)
-        completion(DKPluginOperationFailedError(error));
+      if (*completion)
+        (*completion)(DKPluginOperationFailedError(error));
       return;
     }
     proxy->call(DKVendorSelector::kProvidePlaceholder, {Value(url)},
@@ -56,13 +65,13 @@ void DKExtensionProvider::providePlaceholderForItemAtURL(const Url& url,
                     DKLogError(
                         "Proxy failed to provide placeholder at URL %@ for extension %@. Error: %@",
                         url, self->identifier(), replyError);
-                    if (completion)
-                      completion(DKPluginOperationFailedError(replyError));
+                    if (*completion)
+                      (*completion)(DKPluginOperationFailedError(replyError));
                   } else {
                     DKLogDebug("Successfully provided placeholder at URL %@ for extension %@.", url,
                                self->identifier());
-                    if (completion)
-                      completion(nullptr);
+                    if (*completion)
+                      (*completion)(nullptr);
                   }
                   if (done)
                     done();
@@ -73,14 +82,14 @@ void DKExtensionProvider::providePlaceholderForItemAtURL(const Url& url,
 void DKExtensionProvider::startProvidingItemAtURL(const Url& url, ErrorCompletion completion) {
   DKLogDebug("%s", "-[DKExtensionProvider startProvidingItemAtURL:completionHandler:]");
   auto self = shared_from_this();
-  performExtensionRequest([self, url, completion](const ErrorPtr& error,
-                                                  const std::shared_ptr<IpcRemoteProxy>& proxy,
-                                                  const DoneBlock& done) {
+  performExtensionRequest([self, url, completion = share(std::move(completion))](
+                              const ErrorPtr& error, const std::shared_ptr<IpcRemoteProxy>& proxy,
+                              const DoneBlock& done) {
     if (error) {
       DKLogError("Cannot provide item at URL %@ for extension %@. Error: %@", url,
                  self->identifier(), error);
-      if (completion)
-        completion(DKPluginOperationFailedError(error));
+      if (*completion)
+        (*completion)(DKPluginOperationFailedError(error));
       return;
     }
     proxy->call(
@@ -89,13 +98,13 @@ void DKExtensionProvider::startProvidingItemAtURL(const Url& url, ErrorCompletio
           if (ErrorPtr replyError = errorAt(reply, 0)) {
             DKLogError("Proxy failed to start providing item at URL %@ for extension %@. Error: %@",
                        url, self->identifier(), replyError);
-            if (completion)
-              completion(DKPluginOperationFailedError(replyError));
+            if (*completion)
+              (*completion)(DKPluginOperationFailedError(replyError));
           } else {
             DKLogDebug("Successfully provided item at URL %@ for extension %@.", url,
                        self->identifier());
-            if (completion)
-              completion(nullptr);
+            if (*completion)
+              (*completion)(nullptr);
           }
           if (done)
             done();
@@ -106,14 +115,14 @@ void DKExtensionProvider::startProvidingItemAtURL(const Url& url, ErrorCompletio
 void DKExtensionProvider::stopProvidingItemAtURL(const Url& url, ErrorCompletion completion) {
   DKLogDebug("%s", "-[DKExtensionProvider stopProvidingItemAtURL:completionHandler:]");
   auto self = shared_from_this();
-  performExtensionRequest([self, url, completion](const ErrorPtr& error,
-                                                  const std::shared_ptr<IpcRemoteProxy>& proxy,
-                                                  const DoneBlock& done) {
+  performExtensionRequest([self, url, completion = share(std::move(completion))](
+                              const ErrorPtr& error, const std::shared_ptr<IpcRemoteProxy>& proxy,
+                              const DoneBlock& done) {
     if (error) {
       DKLogError("Cannot stop providing item at URL %@ for extension %@. Error: %@", url,
                  self->identifier(), error);
-      if (completion)
-        completion(DKPluginOperationFailedError(error));
+      if (*completion)
+        (*completion)(DKPluginOperationFailedError(error));
       return;
     }
     proxy->call(DKVendorSelector::kStopProviding, {Value(url)},
@@ -122,13 +131,13 @@ void DKExtensionProvider::stopProvidingItemAtURL(const Url& url, ErrorCompletion
                     DKLogError(
                         "Proxy failed to stop providing item at URL %@ for extension %@. Error: %@",
                         url, self->identifier(), replyError);
-                    if (completion)
-                      completion(DKPluginOperationFailedError(replyError));
+                    if (*completion)
+                      (*completion)(DKPluginOperationFailedError(replyError));
                   } else {
                     DKLogDebug("Successfully stopped providing item at URL %@ for extension %@.",
                                url, self->identifier());
-                    if (completion)
-                      completion(nullptr);
+                    if (*completion)
+                      (*completion)(nullptr);
                   }
                   if (done)
                     done();
@@ -139,14 +148,14 @@ void DKExtensionProvider::stopProvidingItemAtURL(const Url& url, ErrorCompletion
 void DKExtensionProvider::itemIDForURL(const Url& url, ItemIDCompletion completion) {
   DKLogDebug("%s", "-[DKExtensionProvider itemIDForURL:completionHandler:]");
   auto self = shared_from_this();
-  performExtensionRequest([self, url, completion](const ErrorPtr& error,
-                                                  const std::shared_ptr<IpcRemoteProxy>& proxy,
-                                                  const DoneBlock& done) {
+  performExtensionRequest([self, url, completion = share(std::move(completion))](
+                              const ErrorPtr& error, const std::shared_ptr<IpcRemoteProxy>& proxy,
+                              const DoneBlock& done) {
     if (error) {
       DKLogError("Cannot get item ID for URL %@ for extension %@. Error: %@", url,
                  self->identifier(), error);
-      if (completion)
-        completion(DKPluginOperationFailedError(error), Value());
+      if (*completion)
+        (*completion)(DKPluginOperationFailedError(error), Value());
       return;
     }
     proxy->call(DKVendorSelector::kIdentifierForItem, {Value(url)},
@@ -155,14 +164,14 @@ void DKExtensionProvider::itemIDForURL(const Url& url, ItemIDCompletion completi
                   if (ErrorPtr replyError = errorAt(reply, 0)) {
                     DKLogError("Proxy failed to get item ID for URL %@ for extension %@. Error: %@",
                                url, self->identifier(), replyError);
-                    if (completion)
-                      completion(DKPluginOperationFailedError(replyError), Value());
+                    if (*completion)
+                      (*completion)(DKPluginOperationFailedError(replyError), Value());
                   } else {
                     const Value itemID = valueAt(reply, 1);
                     DKLogDebug("Successfully got item ID %@ for URL %@ from extension %@", itemID,
                                url, self->identifier());
-                    if (completion)
-                      completion(nullptr, itemID);
+                    if (*completion)
+                      (*completion)(nullptr, itemID);
                   }
                   if (done)
                     done();
@@ -173,14 +182,14 @@ void DKExtensionProvider::itemIDForURL(const Url& url, ItemIDCompletion completi
 void DKExtensionProvider::URLForItemID(const std::string& itemID, URLCompletion completion) {
   DKLogDebug("%s", "-[DKExtensionProvider URLForItemID:completionHandler:]");
   auto self = shared_from_this();
-  performExtensionRequest([self, itemID, completion](const ErrorPtr& error,
-                                                     const std::shared_ptr<IpcRemoteProxy>& proxy,
-                                                     const DoneBlock& done) {
+  performExtensionRequest([self, itemID, completion = share(std::move(completion))](
+                              const ErrorPtr& error, const std::shared_ptr<IpcRemoteProxy>& proxy,
+                              const DoneBlock& done) {
     if (error) {
       DKLogError("Cannot get URL for item ID %@ for extension %@. Error: %@", itemID,
                  self->identifier(), error);
-      if (completion)
-        completion(DKPluginOperationFailedError(error), Value());
+      if (*completion)
+        (*completion)(DKPluginOperationFailedError(error), Value());
       return;
     }
     proxy->call(DKVendorSelector::kURLForItemIdentifier, {Value(itemID)},
@@ -189,14 +198,14 @@ void DKExtensionProvider::URLForItemID(const std::string& itemID, URLCompletion 
                   if (ErrorPtr replyError = errorAt(reply, 0)) {
                     DKLogError("Proxy failed to get URL for item ID %@ for extension %@. Error: %@",
                                itemID, self->identifier(), replyError);
-                    if (completion)
-                      completion(DKPluginOperationFailedError(replyError), Value());
+                    if (*completion)
+                      (*completion)(DKPluginOperationFailedError(replyError), Value());
                   } else {
                     const Value url = valueAt(reply, 1);
                     DKLogDebug("Successfully retrieved URL %@ for item ID %@ from extension %@",
                                url, itemID, self->identifier());
-                    if (completion)
-                      completion(nullptr, url);
+                    if (*completion)
+                      (*completion)(nullptr, url);
                   }
                   if (done)
                     done();
