@@ -11,6 +11,8 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 #include "platform/errors/DKErrors.h"
@@ -33,8 +35,9 @@ constexpr std::size_t kMaximumDescriptors = 8;
 // Bumped in every forked child, so that per-thread batches of random bytes copied from the
 // parent are not used again (see makeRequestUuid).
 std::atomic<std::uint64_t> forkGeneration{1};
-[[maybe_unused]] const int forkHandlerInstalled = ::pthread_atfork(
-    nullptr, nullptr, [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
+[[maybe_unused]] const int forkHandlerInstalled = ::pthread_atfork(nullptr, nullptr, [] {
+  forkGeneration.fetch_add(1, std::memory_order_relaxed);
+});
 
 ErrorPtr socketError(int errorNumber, const char* what) {
   return makeError(kPosixErrorDomain, errorNumber,
@@ -76,6 +79,66 @@ std::optional<std::string> definiteText(cbor_item_t* item) {
     return std::nullopt;
   return std::string(reinterpret_cast<const char*>(cbor_string_handle(item)),
                      cbor_string_length(item));
+}
+
+// A packet of the one shape the daemon and the SDK send, {"<key>": <text or boolean>}, read
+// head by head with libcbor's streaming decoder, without building an item tree: control
+// packets come two per request. nullopt for anything else, which the general reading below
+// then refuses in so many words.
+struct SimplePacket {
+  std::string_view key;
+  std::optional<std::string_view> text;
+  std::optional<bool> flag;
+};
+
+std::optional<SimplePacket> readSimplePacket(const unsigned char* data, std::size_t size) {
+  struct Head {
+    enum class Kind { Other, MapOfOne, Text, Boolean } kind = Kind::Other;
+    std::string_view text;
+    bool flag = false;
+  };
+  static const cbor_callbacks callbacks = [] {
+    cbor_callbacks c = cbor_empty_callbacks;
+    c.map_start = [](void* context, std::size_t entries) {
+      if (entries == 1)
+        static_cast<Head*>(context)->kind = Head::Kind::MapOfOne;
+    };
+    // Only definite strings come here; an indefinite one starts with string_start.
+    c.string = [](void* context, cbor_data text, std::uint64_t length) {
+      auto* head = static_cast<Head*>(context);
+      head->kind = Head::Kind::Text;
+      head->text = std::string_view(reinterpret_cast<const char*>(text), length);
+    };
+    c.boolean = [](void* context, bool value) {
+      auto* head = static_cast<Head*>(context);
+      head->kind = Head::Kind::Boolean;
+      head->flag = value;
+    };
+    return c;
+  }();
+  std::size_t offset = 0;
+  auto next = [&]() -> Head {
+    Head head;
+    const cbor_decoder_result result =
+        cbor_stream_decode(data + offset, size - offset, &callbacks, &head);
+    if (result.status != CBOR_DECODER_FINISHED)
+      return Head{};
+    offset += result.read;
+    return head;
+  };
+  if (next().kind != Head::Kind::MapOfOne)
+    return std::nullopt;
+  const Head key = next();
+  if (key.kind != Head::Kind::Text)
+    return std::nullopt;
+  const Head value = next();
+  if (offset != size)
+    return std::nullopt;
+  if (value.kind == Head::Kind::Text)
+    return SimplePacket{key.text, value.text, std::nullopt};
+  if (value.kind == Head::Kind::Boolean)
+    return SimplePacket{key.text, std::nullopt, value.flag};
+  return std::nullopt;
 }
 
 Result<void> sendPacket(int fd, const std::vector<unsigned char>& packet, int descriptor) {
@@ -164,6 +227,26 @@ Result<std::optional<ControlMessage>> ExtensionControlChannel::receive() {
   if ((message.msg_flags & MSG_CTRUNC) != 0)
     return failure(refused("too many descriptors"));
 
+  // The usual packets, well formed, are taken without building an item tree.
+  if (std::optional<SimplePacket> simple =
+          readSimplePacket(buffer.data(), static_cast<std::size_t>(received))) {
+    const bool isBegin = simple->key == kBeginKey;
+    if ((isBegin || simple->key == kCancelKey) && simple->text && isWellFormedUuid(*simple->text) &&
+        descriptors.size() == (isBegin ? 1u : 0u)) {
+      ControlMessage result;
+      result.kind = isBegin ? ControlMessage::Kind::Begin : ControlMessage::Kind::Cancel;
+      result.requestUuid = std::string(*simple->text);
+      if (isBegin)
+        result.requestSocket = std::move(descriptors.front());
+      return std::optional<ControlMessage>(std::move(result));
+    }
+    if (simple->key == kReadyKey && simple->flag == true && descriptors.empty()) {
+      ControlMessage result;
+      result.kind = ControlMessage::Kind::Ready;
+      return std::optional<ControlMessage>(std::move(result));
+    }
+  }
+  // Anything else is read in full, to say what is wrong with it.
   cbor_load_result load;
   CborItem item(cbor_load(buffer.data(), static_cast<std::size_t>(received), &load));
   if (!item || load.error.code != CBOR_ERR_NONE)
@@ -221,8 +304,7 @@ std::string ExtensionControlChannel::makeRequestUuid() {
     batch.forkGeneration = generation;
     std::size_t filled = 0;
     while (filled < batch.bytes.size()) {
-      const ssize_t n =
-          ::getrandom(batch.bytes.data() + filled, batch.bytes.size() - filled, 0);
+      const ssize_t n = ::getrandom(batch.bytes.data() + filled, batch.bytes.size() - filled, 0);
       if (n > 0)
         filled += static_cast<std::size_t>(n);
       // EINTR only: getrandom without GRND_NONBLOCK blocks until the pool is ready.
@@ -246,7 +328,7 @@ std::string ExtensionControlChannel::makeRequestUuid() {
   return text;
 }
 
-bool ExtensionControlChannel::isWellFormedUuid(const std::string& text) {
+bool ExtensionControlChannel::isWellFormedUuid(std::string_view text) {
   if (text.size() != 36)
     return false;
   for (std::size_t i = 0; i < text.size(); ++i) {

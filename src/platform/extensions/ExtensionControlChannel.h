@@ -22,6 +22,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/identity/ScopedFd.h"
 #include "platform/value/Result.h"
@@ -58,7 +59,7 @@ class ExtensionControlChannel {
   // A fresh random request UUID, lower case 8-4-4-4-12. The random bytes come from the
   // kernel in batches kept per thread, so most calls make no system call.
   static std::string makeRequestUuid();
-  static bool isWellFormedUuid(const std::string& text);
+  static bool isWellFormedUuid(std::string_view text);
 
  private:
   ScopedFd fd_;

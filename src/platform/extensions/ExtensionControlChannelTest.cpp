@@ -134,6 +134,32 @@ TEST(ExtensionControlChannelTest, MalformedPacketsAreRefusedAndTheirDescriptorsC
   expectRefused(c.extension.receive(), "a malformed UUID");
   sendRaw(c.daemon.fd(), std::vector<unsigned char>(1000, 0xA1));
   expectRefused(c.extension.receive(), "an oversized packet");
+  // Near misses of the usual shape, which the quick reading of well-formed packets must not
+  // take: bytes after the map, an indefinite or tagged UUID, a byte-string key, two keys.
+  std::vector<unsigned char> trailing = textMap("cancel", uuid);
+  trailing.push_back(0x00);
+  sendRaw(c.daemon.fd(), trailing);
+  expectRefused(c.extension.receive(), "a cancel with bytes after it");
+  std::vector<unsigned char> indefinite{0xA1, 0x66, 'c', 'a', 'n', 'c', 'e', 'l', 0x7F, 0x78,
+                                        static_cast<unsigned char>(uuid.size())};
+  indefinite.insert(indefinite.end(), uuid.begin(), uuid.end());
+  indefinite.push_back(0xFF);
+  sendRaw(c.daemon.fd(), indefinite);
+  expectRefused(c.extension.receive(), "a UUID as an indefinite string");
+  std::vector<unsigned char> tagged = textMap("cancel", uuid);
+  tagged.insert(tagged.begin() + 8, 0xC0);
+  sendRaw(c.daemon.fd(), tagged);
+  expectRefused(c.extension.receive(), "a tagged UUID");
+  std::vector<unsigned char> byteKey = textMap("cancel", uuid);
+  byteKey[1] = static_cast<unsigned char>(0x40 + 6);
+  sendRaw(c.daemon.fd(), byteKey);
+  expectRefused(c.extension.receive(), "a byte-string key");
+  std::vector<unsigned char> twoKeys = textMap("cancel", uuid);
+  twoKeys[0] = 0xA2;
+  const std::vector<unsigned char> second = textMap("cancel", uuid);
+  twoKeys.insert(twoKeys.end(), second.begin() + 1, second.end());
+  sendRaw(c.daemon.fd(), twoKeys);
+  expectRefused(c.extension.receive(), "a map with two keys");
 
   // Two descriptors with a begin, and one with a cancel: every one of them is closed, which
   // the kept ends see as end of file.
