@@ -7,7 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/url/UriArena.h"
+
 namespace daskel::platform {
+
 namespace {
 
 // Owns a parsed UriUriA whose text ranges point into the string it was parsed from; that string
@@ -16,12 +19,12 @@ class ParsedUri {
  public:
   explicit ParsedUri(std::string_view text) {
     const char* errorPos = nullptr;
-    ok_ = uriParseSingleUriExA(&uri_, text.data(), text.data() + text.size(), &errorPos) ==
-          URI_SUCCESS;
+    ok_ = uriParseSingleUriExMmA(&uri_, text.data(), text.data() + text.size(), &errorPos,
+                                 arena_.manager()) == URI_SUCCESS;
   }
   ~ParsedUri() {
     if (ok_) {
-      uriFreeUriMembersA(&uri_);
+      uriFreeUriMembersMmA(&uri_, arena_.manager());
     }
   }
   ParsedUri(const ParsedUri&) = delete;
@@ -32,6 +35,7 @@ class ParsedUri {
   bool hasScheme() const { return ok_ && uri_.scheme.first != nullptr; }
 
  private:
+  UriArena arena_;  // before uri_: freed after it
   UriUriA uri_{};
   bool ok_ = false;
 };
