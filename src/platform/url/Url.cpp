@@ -149,7 +149,6 @@ std::optional<Url> Url::fileUrlWithPath(std::string_view path, bool isDirectory)
   return fromString(text);
 }
 
-
 std::string Url::lastPathComponent() const {
   ParsedUri parsed(absoluteString());
   std::string_view last;
