@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
 #include "platform/errors/DKErrors.h"
 #include "platform/ipc/IpcConnection.h"
@@ -26,6 +28,58 @@ constexpr auto kOrphanedConnectionGrace = std::chrono::seconds(1);
 const std::shared_ptr<IpcHandlerTable>& noHostOperations() {
   static const auto table = std::make_shared<IpcHandlerTable>();
   return table;
+}
+
+// One socket pair made ahead for the next request, so that a request does not wait for the
+// kernel to make one: a few microseconds, most of it accounting for two new sockets. It is
+// made right after a request has gone out, while the extension works on that one. One for
+// the process, whichever extension the next request goes to. Close-on-exec, like every pair
+// made here, so extension processes started meanwhile do not inherit it.
+class SpareSocketPair {
+ public:
+  // A pair nobody has used: the spare when there is one, else a new one. 0 or an errno.
+  int take(int fds[2]) {
+    {
+      std::lock_guard lock(mutex_);
+      if (fds_[0] >= 0) {
+        fds[0] = std::exchange(fds_[0], -1);
+        fds[1] = std::exchange(fds_[1], -1);
+        return 0;
+      }
+    }
+    return ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0 ? 0 : errno;
+  }
+
+  // Makes the spare if there is none; a failure here is met again, and reported, by take().
+  void replenish() {
+    {
+      std::lock_guard lock(mutex_);
+      if (fds_[0] >= 0)
+        return;
+    }
+    int fds[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0)
+      return;
+    std::lock_guard lock(mutex_);
+    if (fds_[0] >= 0) {
+      // Another thread made one meanwhile.
+      ::close(fds[0]);
+      ::close(fds[1]);
+      return;
+    }
+    fds_[0] = fds[0];
+    fds_[1] = fds[1];
+  }
+
+ private:
+  std::mutex mutex_;
+  int fds_[2] = {-1, -1};
+};
+
+SpareSocketPair& spareSocketPair() {
+  // Never destroyed: requests may still open while the process exits.
+  static SpareSocketPair* const spare = new SpareSocketPair();
+  return *spare;
 }
 
 }  // namespace
@@ -160,10 +214,10 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
 
   bool beginSent = false;
   int fds[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) {
+  if (const int failed = spareSocketPair().take(fds); failed != 0) {
     error = IpcError(IpcErrorCode::ConnectionInvalid,
                      "Cannot open a request to extension " + process->description() +
-                         ": socketpair: " + std::strerror(errno));
+                         ": socketpair: " + std::strerror(failed));
   } else {
     // The begin packet goes first, so that the extension takes up its end while this side
     // sets up its connection. Whatever the extension sends meanwhile waits in the socket.
@@ -243,9 +297,10 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
   }
   DKLogDebug("Began request %s to extension %@", uuid, *process);
   if (completeInline)
-    completion(uuid, nullptr);
+    completion(uuid, nullptr);  // which usually sends the request's message
   else
     complete(std::move(completion), uuid, nullptr);
+  spareSocketPair().replenish();
 }
 
 void ExtensionSupervisor::complete(BeginRequestCompletion completion,

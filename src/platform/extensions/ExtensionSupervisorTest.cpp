@@ -358,6 +358,32 @@ TEST_F(ExtensionSupervisorTest, ConcurrentRequestsOnAColdExtensionShareOneLaunch
   EXPECT_EQ(supervisor->openRequestCount(), static_cast<std::size_t>(kRequests));
 }
 
+TEST_F(ExtensionSupervisorTest, ConcurrentRequestsOnARunningExtensionEachGetTheirOwnConnection) {
+  // Socket pairs are made ahead of the request that uses them: each must go to one request.
+  auto supervisor = supervisorFor("serve");
+  ASSERT_EQ(beginAndWait(*supervisor).error, nullptr);
+  remember(supervisor->processIdentifier());
+  constexpr int kRequests = 8;
+  std::vector<std::future<BeginOutcome>> outcomes;
+  for (int i = 0; i < kRequests; ++i)
+    outcomes.push_back(std::async(std::launch::async, [&] { return beginAndWait(*supervisor); }));
+  std::vector<std::string> uuids;
+  for (auto& outcome : outcomes) {
+    BeginOutcome begun = outcome.get();
+    ASSERT_EQ(begun.error, nullptr) << begun.error->description();
+    uuids.push_back(begun.uuid);
+  }
+  std::vector<std::future<std::string>> echoes;
+  for (int i = 0; i < kRequests; ++i) {
+    echoes.push_back(std::async(std::launch::async, [&, i] {
+      return echo(*supervisor, uuids[i], "request " + std::to_string(i));
+    }));
+  }
+  for (int i = 0; i < kRequests; ++i)
+    EXPECT_EQ(echoes[i].get(), "request " + std::to_string(i));
+  EXPECT_EQ(supervisor->openRequestCount(), static_cast<std::size_t>(kRequests + 1));
+}
+
 TEST_F(ExtensionSupervisorTest, ReleasingTheSupervisorStopsItsProcessAndClosesItsRequests) {
   auto supervisor = supervisorFor("serve");
   BeginOutcome begun = beginAndWait(*supervisor);
