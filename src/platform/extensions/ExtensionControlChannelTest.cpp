@@ -140,9 +140,9 @@ TEST(ExtensionControlChannelTest, MalformedPacketsAreRefusedAndTheirDescriptorsC
   trailing.push_back(0x00);
   sendRaw(c.daemon.fd(), trailing);
   expectRefused(c.extension.receive(), "a cancel with bytes after it");
-  std::vector<unsigned char> indefinite{0xA1, 0x66, 'c', 'a', 'n', 'c', 'e', 'l', 0x7F, 0x78,
-                                        static_cast<unsigned char>(uuid.size())};
-  indefinite.insert(indefinite.end(), uuid.begin(), uuid.end());
+  // The UUID as the one chunk of an indefinite-length text string: 0x7F ... 0xFF.
+  std::vector<unsigned char> indefinite = textMap("cancel", uuid);
+  indefinite.insert(indefinite.begin() + 8, 0x7F);
   indefinite.push_back(0xFF);
   sendRaw(c.daemon.fd(), indefinite);
   expectRefused(c.extension.receive(), "a UUID as an indefinite string");

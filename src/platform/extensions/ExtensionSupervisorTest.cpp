@@ -61,6 +61,22 @@ class ExtensionSupervisorTest : public ::testing::Test {
     return future.get();
   }
 
+  // The UUIDs of `count` requests begun at once from as many threads, in no particular order;
+  // a request that fails is a test failure and has no UUID in the list.
+  std::vector<std::string> beginConcurrently(ExtensionSupervisor& supervisor, int count) {
+    std::vector<std::future<BeginOutcome>> outcomes;
+    for (int i = 0; i < count; ++i)
+      outcomes.push_back(std::async(std::launch::async, [&] { return beginAndWait(supervisor); }));
+    std::vector<std::string> uuids;
+    for (auto& outcome : outcomes) {
+      BeginOutcome begun = outcome.get();
+      EXPECT_EQ(begun.error, nullptr) << (begun.error ? begun.error->description() : "");
+      if (!begun.error)
+        uuids.push_back(begun.uuid);
+    }
+    return uuids;
+  }
+
   // Steps the scheduler one second per poll until `condition` holds.
   bool stepUntil(const std::function<bool()>& condition) {
     return waitUntil(condition, [] { scheduler_.advance(1s); });
@@ -343,16 +359,9 @@ TEST_F(ExtensionSupervisorTest, AnIdleExtensionThatIgnoresTheClosedControlSocket
 TEST_F(ExtensionSupervisorTest, ConcurrentRequestsOnAColdExtensionShareOneLaunch) {
   auto supervisor = supervisorFor("serve");
   constexpr int kRequests = 8;
-  std::vector<std::future<BeginOutcome>> outcomes;
-  for (int i = 0; i < kRequests; ++i)
-    outcomes.push_back(std::async(std::launch::async, [&] { return beginAndWait(*supervisor); }));
-  std::set<std::string> uuids;
-  for (auto& outcome : outcomes) {
-    BeginOutcome begun = outcome.get();
-    ASSERT_EQ(begun.error, nullptr) << begun.error->description();
-    uuids.insert(begun.uuid);
-  }
+  const std::vector<std::string> begun = beginConcurrently(*supervisor, kRequests);
   remember(supervisor->processIdentifier());
+  const std::set<std::string> uuids(begun.begin(), begun.end());
   EXPECT_EQ(uuids.size(), static_cast<std::size_t>(kRequests));
   EXPECT_EQ(countEvents(bundle_, "started"), 1u);
   EXPECT_EQ(supervisor->openRequestCount(), static_cast<std::size_t>(kRequests));
@@ -364,15 +373,8 @@ TEST_F(ExtensionSupervisorTest, ConcurrentRequestsOnARunningExtensionEachGetThei
   ASSERT_EQ(beginAndWait(*supervisor).error, nullptr);
   remember(supervisor->processIdentifier());
   constexpr int kRequests = 8;
-  std::vector<std::future<BeginOutcome>> outcomes;
-  for (int i = 0; i < kRequests; ++i)
-    outcomes.push_back(std::async(std::launch::async, [&] { return beginAndWait(*supervisor); }));
-  std::vector<std::string> uuids;
-  for (auto& outcome : outcomes) {
-    BeginOutcome begun = outcome.get();
-    ASSERT_EQ(begun.error, nullptr) << begun.error->description();
-    uuids.push_back(begun.uuid);
-  }
+  const std::vector<std::string> uuids = beginConcurrently(*supervisor, kRequests);
+  ASSERT_EQ(uuids.size(), static_cast<std::size_t>(kRequests));
   std::vector<std::future<std::string>> echoes;
   for (int i = 0; i < kRequests; ++i) {
     echoes.push_back(std::async(std::launch::async, [&, i] {

@@ -407,8 +407,9 @@ TEST(DirectoryRelationship, AgreesWithComparingWeaklyCanonicalFormsAcrossATreeOf
         for (const bool ahead : {false, true}) {
           SCOPED_TRACE(ahead ? "item resolved ahead" : "item resolved per call");
           std::string relative;
-          auto result = ahead ? relationshipOfDirectoryToItem(directoryUrl, resolved, &relative)
-                              : relationshipOfDirectoryToItem(directoryUrl, fileUrl(item), &relative);
+          auto result = ahead
+                            ? relationshipOfDirectoryToItem(directoryUrl, resolved, &relative)
+                            : relationshipOfDirectoryToItem(directoryUrl, fileUrl(item), &relative);
           ASSERT_TRUE(result.has_value()) << directory << " / " << item;
           EXPECT_EQ(*result, expected) << directory << " / " << item;
           if (expected == DirectoryRelationship::Contains) {
@@ -431,8 +432,9 @@ TEST(DirectoryRelationship, AnItemResolvedAheadIsJudgedOnThatResolution) {
   fs::create_symlink(dir / "outside", dir / "storage/moving");
   EXPECT_EQ(relationshipOfDirectoryToItem(dirUrl(dir / "storage"), item),
             DirectoryRelationship::Contains);
-  EXPECT_EQ(relationshipOfDirectoryToItem(dirUrl(dir / "storage"), fileUrl(dir / "storage/moving/doc")),
-            DirectoryRelationship::Other);
+  EXPECT_EQ(
+      relationshipOfDirectoryToItem(dirUrl(dir / "storage"), fileUrl(dir / "storage/moving/doc")),
+      DirectoryRelationship::Other);
 }
 
 TEST(DirectoryRelationship, AnItemResolvedAheadFailsAsTheItemWouldWithTheDirectorysErrorFirst) {
@@ -456,7 +458,8 @@ TEST(DirectoryRelationship, AnItemResolvedAheadFailsAsTheItemWouldWithTheDirecto
   // Both sides loop: the same error as the item resolved per call, the directory's.
   fs::create_symlink("other", dir / "other");
   auto bothLoop = relationshipOfDirectoryToItem(dirUrl(dir / "other"), looping);
-  auto perCall = relationshipOfDirectoryToItem(dirUrl(dir / "other"), fileUrl(dir / "storage/loop/doc"));
+  auto perCall =
+      relationshipOfDirectoryToItem(dirUrl(dir / "other"), fileUrl(dir / "storage/loop/doc"));
   ASSERT_FALSE(bothLoop.has_value());
   ASSERT_FALSE(perCall.has_value());
   EXPECT_EQ(bothLoop.error()->code, ELOOP);

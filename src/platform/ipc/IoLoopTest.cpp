@@ -286,25 +286,27 @@ TEST(IoLoop, ADescriptorAHandlerNamesForHandlingSoonGoesAheadOfOnesTheKernelRepo
     auto order = std::make_shared<Inbox<std::string>>();
     auto named = std::make_shared<std::atomic<IoLoop::RegistrationId>>(0);
     auto report = [order](const Pipe& pipe, const std::string& name) {
-      return IoLoop::shared().add(pipe.watched(), EPOLLIN, [fd = pipe.watched(), order, name](std::uint32_t events) {
-        drain(fd);
-        order->push(name + ((events & EPOLLIN) ? "" : " without EPOLLIN"));
-      });
+      return IoLoop::shared().add(
+          pipe.watched(), EPOLLIN, [fd = pipe.watched(), order, name](std::uint32_t events) {
+            drain(fd);
+            order->push(name + ((events & EPOLLIN) ? "" : " without EPOLLIN"));
+          });
     };
     auto olderId = report(older, "older");
     ASSERT_TRUE(olderId);
-    auto triggerId = IoLoop::shared().add(trigger.watched(), EPOLLIN, [&, order, named](std::uint32_t) {
-      drain(trigger.watched());
-      older.write("o");
-      if (freshHasInput) {
-        fresh.write("f");
-      }
-      auto freshId = report(fresh, "fresh");
-      ASSERT_TRUE(freshId);
-      *named = *freshId;
-      IoLoop::shared().handleSoon(*freshId, EPOLLIN);
-      order->push("trigger");
-    });
+    auto triggerId =
+        IoLoop::shared().add(trigger.watched(), EPOLLIN, [&, order, named](std::uint32_t) {
+          drain(trigger.watched());
+          older.write("o");
+          if (freshHasInput) {
+            fresh.write("f");
+          }
+          auto freshId = report(fresh, "fresh");
+          ASSERT_TRUE(freshId);
+          *named = *freshId;
+          IoLoop::shared().handleSoon(*freshId, EPOLLIN);
+          order->push("trigger");
+        });
     ASSERT_TRUE(triggerId);
     trigger.write("t");
     ASSERT_TRUE(order->waitForCount(3));
@@ -319,13 +321,15 @@ TEST(IoLoop, NamingADescriptorForHandlingSoonOutsideTheLoopLeavesItToTheKernel) 
   Pipe quiet;
   Pipe later;
   auto calls = std::make_shared<Inbox<std::string>>();
-  auto quietId = IoLoop::shared().add(quiet.watched(), EPOLLIN, [calls](std::uint32_t) { calls->push("quiet"); });
+  auto quietId = IoLoop::shared().add(quiet.watched(), EPOLLIN,
+                                      [calls](std::uint32_t) { calls->push("quiet"); });
   ASSERT_TRUE(quietId);
   IoLoop::shared().handleSoon(*quietId, EPOLLIN);  // not a loop thread: nothing happens
-  auto laterId = IoLoop::shared().add(later.watched(), EPOLLIN, [fd = later.watched(), calls](std::uint32_t) {
-    drain(fd);
-    calls->push("later");
-  });
+  auto laterId =
+      IoLoop::shared().add(later.watched(), EPOLLIN, [fd = later.watched(), calls](std::uint32_t) {
+        drain(fd);
+        calls->push("later");
+      });
   ASSERT_TRUE(laterId);
   later.write("x");
   ASSERT_TRUE(calls->waitForCount(1));
