@@ -228,6 +228,11 @@ class TransparentCoordinationTest : public ::testing::Test {
   }
 
   void TearDown() override {
+    // Stopped here, while the coordinator lives: a provider's answer still on its way holds
+    // the front-end too, and dropping the last reference there would run its stop() against a
+    // coordinator this fixture has destroyed already.
+    if (front_)
+      front_->stop();
     front_.reset();
     if (root_.empty())
       return;
