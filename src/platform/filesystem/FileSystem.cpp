@@ -343,10 +343,6 @@ Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory
 Result<DirectoryRelationship> relationshipOfDirectoryToItem(const Url& directory,
                                                             const Url& item,
                                                             std::string* relativePath) {
-  // The directory's URL is checked first, as it always was: its error goes before the item's.
-  if (Result<std::string> directoryPath = filePath(directory); !directoryPath) {
-    return failure(directoryPath.error());
-  }
   return relationshipOfDirectoryToItem(directory, ResolvedItem(item), relativePath);
 }
 
