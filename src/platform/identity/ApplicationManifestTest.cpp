@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/identity/IdentityTestSupport.h"
 #include "platform/plist/PropertyList.h"
 
 namespace daskel::platform {
@@ -106,15 +107,6 @@ TEST(ApplicationManifest, EachMalformedShapeIsRefusedWithItsReason) {
 
 class ApplicationManifestFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "daskel-manifest-XXXXXX").string();
-    ASSERT_TRUE(::mkdtemp(pattern.data())) << "mkdtemp: " << std::strerror(errno);
-    root_ = fs::canonical(pattern);
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
 
   std::string write(const std::string& name, const std::string& bytes, mode_t mode = 0644) {
     std::string path = (root_ / name).string();
@@ -129,7 +121,8 @@ class ApplicationManifestFileTest : public ::testing::Test {
                                              Value(Value::Dictionary{{"k", Value(1)}})));
   }
 
-  fs::path root_;
+  testing::TemporaryTree tree_{"manifest"};
+  const fs::path root_ = tree_.root();
 };
 
 TEST_F(ApplicationManifestFileTest, ATrustedFileIsReadAndItsSignatureReported) {

@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/identity/IdentityTestSupport.h"
 #include "platform/identity/ProcessInfo.h"
 #include "platform/identity/ScopedFd.h"
 #include "platform/identity/TestPeerProcess.h"
@@ -38,9 +39,6 @@ using PidfdUse = AuditToken::PidfdUse;
 class ApplicationRegistryTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "daskel-identity-XXXXXX").string();
-    ASSERT_TRUE(::mkdtemp(pattern.data())) << "mkdtemp: " << std::strerror(errno);
-    root_ = fs::canonical(pattern);
     apps_ = root_ / "apps";
     apps2_ = root_ / "apps2";
     fs::create_directories(root_ / "bin");
@@ -58,8 +56,6 @@ class ApplicationRegistryTest : public ::testing::Test {
 
   void TearDown() override {
     children_.clear();  // kills and reaps
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
   }
 
   void installProgram(const fs::path& path) {
@@ -138,7 +134,9 @@ class ApplicationRegistryTest : public ::testing::Test {
     return "Ignoring application manifest " + path + ": " + reason;
   }
 
-  fs::path root_, apps_, apps2_, sleepProgram_, alpha_, beta_;
+  testing::TemporaryTree tree_{"identity"};
+  const fs::path root_ = tree_.root();
+  fs::path apps_, apps2_, sleepProgram_, alpha_, beta_;
   std::string alphaManifest_, betaManifest_;
   TestPeerProcess::Listener listener_;
   std::vector<std::unique_ptr<TestPeerProcess>> children_;

@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/identity/IdentityTestSupport.h"
 #include "platform/identity/ScopedFd.h"
 #include "platform/identity/SearchPathDirectory.h"
 
@@ -33,20 +34,12 @@ namespace fs = std::filesystem;
 class SearchPathWatchTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "daskel-watch-XXXXXX").string();
-    ASSERT_TRUE(::mkdtemp(pattern.data())) << "mkdtemp: " << std::strerror(errno);
-    root_ = fs::canonical(pattern);
     apps_ = root_ / "apps";
     fs::create_directories(apps_);
     fs::create_directories(root_ / "elsewhere");
     write(apps_ / "alpha.plist", "alpha");
     write(root_ / "elsewhere" / "target.plist", "target");
     fs::create_symlink(root_ / "elsewhere" / "target.plist", apps_ / "linked.plist");
-  }
-
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
   }
 
   static void write(const fs::path& path, const std::string& text) {
@@ -84,7 +77,9 @@ class SearchPathWatchTest : public ::testing::Test {
     return false;
   }
 
-  fs::path root_, apps_;
+  testing::TemporaryTree tree_{"watch"};
+  const fs::path root_ = tree_.root();
+  fs::path apps_;
   SearchPathWatch watch_;
 };
 

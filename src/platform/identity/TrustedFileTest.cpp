@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/identity/IdentityTestSupport.h"
 #include "platform/plist/PropertyList.h"
 
 namespace daskel::platform {
@@ -30,34 +31,14 @@ void writeFile(const std::string& path, const std::string& bytes, mode_t mode = 
   ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path << ": " << std::strerror(errno);
 }
 
-// A temporary directory for one test, removed with everything in it at the end.
-class TemporaryTree {
- public:
-  TemporaryTree() {
-    std::string pattern = (fs::temp_directory_path() / "daskel-trusted-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr)
-      ADD_FAILURE() << "mkdtemp: " << std::strerror(errno);
-    root_ = fs::canonical(pattern);
-  }
-  ~TemporaryTree() {
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
-  }
-  TemporaryTree(const TemporaryTree&) = delete;
-  TemporaryTree& operator=(const TemporaryTree&) = delete;
-
-  std::string path(const std::string& relative) const { return (root_ / relative).string(); }
-
- private:
-  fs::path root_;
-};
+using testing::TemporaryTree;
 
 std::int64_t codeOf(TrustedFileError error) {
   return static_cast<std::int64_t>(error);
 }
 
 TEST(TrustedFile, ATrustedFileIsReadAndTheCheckedVersionReported) {
-  TemporaryTree tree;
+  TemporaryTree tree{"trusted"};
   const std::string path = tree.path("Info.plist");
   const Value content(Value::Dictionary{{"Key", Value("value")}});
   writeFile(path, serializeXmlPropertyList(content), 0644);
@@ -71,7 +52,7 @@ TEST(TrustedFile, ATrustedFileIsReadAndTheCheckedVersionReported) {
 }
 
 TEST(TrustedFile, FilesThatOthersCouldHaveWrittenAreUntrusted) {
-  TemporaryTree tree;
+  TemporaryTree tree{"trusted"};
   for (mode_t mode : {0664, 0646, 0666, 0620}) {
     SCOPED_TRACE(mode);
     const std::string path = tree.path("Info.plist");
@@ -87,7 +68,7 @@ TEST(TrustedFile, FilesThatOthersCouldHaveWrittenAreUntrusted) {
 }
 
 TEST(TrustedFile, AFileOfAnotherOwnerIsUntrustedAndOfTheDaemonsUserTrusted) {
-  TemporaryTree tree;
+  TemporaryTree tree{"trusted"};
   const std::string path = tree.path("Info.plist");
   writeFile(path, "<plist><dict/></plist>");
   ASSERT_TRUE(readTrustedFile(path, 4096, nullptr));  // ours
@@ -103,7 +84,7 @@ TEST(TrustedFile, AFileOfAnotherOwnerIsUntrustedAndOfTheDaemonsUserTrusted) {
 }
 
 TEST(TrustedFile, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
-  TemporaryTree tree;
+  TemporaryTree tree{"trusted"};
   const std::string fifo = tree.path("fifo");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
   auto fromFifo = readTrustedFile(fifo, 4096, nullptr);
@@ -113,7 +94,7 @@ TEST(TrustedFile, WhatIsNoRegularFileIsRefusedWithoutBlocking) {
 }
 
 TEST(TrustedFile, OversizedMissingAndUnparsableFilesAreUnreadable) {
-  TemporaryTree tree;
+  TemporaryTree tree{"trusted"};
   const std::string big = tree.path("big");
   writeFile(big, std::string(100, 'x'));
   auto tooLarge = readTrustedFile(big, 99, nullptr);
