@@ -213,6 +213,9 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
   std::shared_ptr<IpcConnection> connection;
 
   bool beginSent = false;
+  // Our copy of the extension's end. Closing it, like starting to read our own end, waits
+  // until the request's message has gone out: neither is needed before the extension answers.
+  ScopedFd extensionEnd;
   int fds[2];
   if (const int failed = spareSocketPair().take(fds); failed != 0) {
     error = IpcError(IpcErrorCode::ConnectionInvalid,
@@ -221,14 +224,11 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
   } else {
     // The begin packet goes first, so that the extension takes up its end while this side
     // sets up its connection. Whatever the extension sends meanwhile waits in the socket.
-    {
-      ScopedFd extensionEnd(fds[1]);
-      if (auto sent = process->sendBegin(uuid, extensionEnd.get()); !sent) {
-        error = IpcError(IpcErrorCode::ConnectionInvalid,
-                         "Cannot hand request " + uuid + " to extension " +
-                             process->description() + ": " +
-                             sent.error()->localizedDescription());
-      }
+    extensionEnd = ScopedFd(fds[1]);
+    if (auto sent = process->sendBegin(uuid, extensionEnd.get()); !sent) {
+      error = IpcError(IpcErrorCode::ConnectionInvalid,
+                       "Cannot hand request " + uuid + " to extension " +
+                           process->description() + ": " + sent.error()->localizedDescription());
     }
     if (error) {
       ::close(fds[0]);
@@ -251,7 +251,6 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
           if (auto self = weak.lock())
             self->requestConnectionClosed(uuid);
         });
-        connection->resume();
       }
     }
   }
@@ -283,6 +282,7 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
       scheduleIdleStopIfIdleLocked();
   }
   if (error) {
+    extensionEnd.reset();
     // The extension has the request (or is about to); tell it that the request is over.
     if (beginSent)
       (void)process->sendCancel(uuid);
@@ -296,10 +296,17 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
     return;
   }
   DKLogDebug("Began request %s to extension %@", uuid, *process);
-  if (completeInline)
-    completion(uuid, nullptr);  // which usually sends the request's message
-  else
+  if (completeInline) {
+    // Usually sends the request's message: it waits in the socket until we read, so that
+    // reading starts only afterwards. A request the completion has already ended stays
+    // closed.
+    completion(uuid, nullptr);
+    connection->resume();
+  } else {
+    connection->resume();
     complete(std::move(completion), uuid, nullptr);
+  }
+  extensionEnd.reset();
   spareSocketPair().replenish();
 }
 
