@@ -59,6 +59,14 @@ bool isListedExecutable(const std::string& path,
   return same;
 }
 
+// The file process `pid` runs, as /proc/<pid>/exe leads to it; false when it cannot be
+// stat'ed (errno set).
+bool statRunningFile(pid_t pid, struct stat* running) {
+  char exeLink[32];
+  std::snprintf(exeLink, sizeof exeLink, "/proc/%d/exe", static_cast<int>(pid));
+  return ::stat(exeLink, running) == 0;
+}
+
 }  // namespace
 
 ApplicationRegistry::ApplicationRegistry() = default;
@@ -142,9 +150,31 @@ std::shared_ptr<const ApplicationRegistry::Applications> ApplicationRegistry::re
   return applications_;
 }
 
+std::shared_ptr<const Application> ApplicationRegistry::recall(
+    const AuditToken& token,
+    const std::shared_ptr<const Applications>& applications) const {
+  const auto memo = token.identityMemo();
+  if (!memo || memo->registry != this || memo->applications != applications)
+    return nullptr;
+  struct stat file;
+  if (!statRunningFile(token.pid(), &file) || file.st_dev != memo->device ||
+      file.st_ino != memo->inode) {
+    return nullptr;
+  }
+  // A listed executable replaced on disk since the process started no longer leads to the
+  // file it runs; a full inspection then finds the process is no known application.
+  if (memo->listedExecutable &&
+      (::stat(memo->listedExecutable->c_str(), &file) != 0 || file.st_dev != memo->device ||
+       file.st_ino != memo->inode)) {
+    return nullptr;
+  }
+  return memo->application;
+}
+
 std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
     const AuditToken& token,
-    const Applications& applications) const {
+    const Applications& applications,
+    ProcessIdentityMemo* memo) const {
   const pid_t pid = token.pid();
 
   auto flatpakId = readFlatpakApplicationId(pid);
@@ -157,8 +187,16 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
   }
   if (*flatpakId) {
     for (const auto& application : applications) {
-      if (application->bundleIdentifier == **flatpakId)
+      if (application->bundleIdentifier == **flatpakId) {
+        // Remembered by the file it runs: running another means inspecting it again.
+        struct stat running;
+        if (statRunningFile(pid, &running)) {
+          memo->device = running.st_dev;
+          memo->inode = running.st_ino;
+          memo->application = application;
+        }
         return application;
+      }
     }
     return nullptr;
   }
@@ -184,19 +222,24 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
   // listed path must lead to this very file, not merely spell the same name (another mount
   // namespace, or a replacement between our reads).
   struct stat running;
-  std::string exeLink = "/proc/" + std::to_string(pid) + "/exe";
-  if (::stat(exeLink.c_str(), &running) != 0) {
+  if (!statRunningFile(pid, &running)) {
     int error = errno;
     if (token.isAlive()) {
-      DKLogError("Cannot identify process %@: stat %@: %s", token, exeLink, std::strerror(error));
+      DKLogError("Cannot identify process %@: stat /proc/%d/exe: %s", token,
+                 static_cast<int>(pid), std::strerror(error));
     }
     return nullptr;
   }
 
   for (const auto& application : applications) {
     for (const std::string& listed : application->executables) {
-      if (isListedExecutable(listed, running, *executable))
+      if (isListedExecutable(listed, running, *executable)) {
+        memo->device = running.st_dev;
+        memo->inode = running.st_ino;
+        memo->listedExecutable = listed;
+        memo->application = application;
         return application;
+      }
     }
   }
   return nullptr;
@@ -210,7 +253,12 @@ std::shared_ptr<const Application> ApplicationRegistry::identify(const AuditToke
     std::lock_guard lock(mutex_);
     applications = applicationsLocked(directories, /*verify=*/false, &scanned);
   }
-  std::shared_ptr<const Application> match = inspectProcess(token, *applications);
+  // What the token remembers saves inspecting the process in full; a fresh match is
+  // remembered once it has been confirmed below.
+  std::shared_ptr<const Application> match = recall(token, applications);
+  ProcessIdentityMemo memo;
+  if (!match)
+    match = inspectProcess(token, *applications, &memo);
 
   if (!scanned) {
     // The manifests were scanned before this look-up began, so they count only if nothing
@@ -225,8 +273,14 @@ std::shared_ptr<const Application> ApplicationRegistry::identify(const AuditToke
     }
     if (token.hasPidfd() && process.revents != 0)
       return nullptr;
-    if (unchanged && token.hasPidfd())
+    if (unchanged && token.hasPidfd()) {
+      if (memo.application) {
+        memo.registry = this;
+        memo.applications = std::move(applications);
+        token.setIdentityMemo(std::make_shared<const ProcessIdentityMemo>(std::move(memo)));
+      }
       return match;
+    }
     if (!unchanged) {
       // Changed meanwhile: scanned now (or by another look-up since this one began), the
       // applications are current without asking again.
@@ -234,7 +288,7 @@ std::shared_ptr<const Application> ApplicationRegistry::identify(const AuditToke
         std::lock_guard lock(mutex_);
         applications = applicationsLocked(directories, /*verify=*/false, &scanned);
       }
-      match = inspectProcess(token, *applications);
+      match = inspectProcess(token, *applications, &memo);
     }
   }
   // Everything above was read by pid; only a process that is still alive proves it was

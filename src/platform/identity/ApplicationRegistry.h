@@ -12,10 +12,15 @@
 // several manifests match, the first in search order wins: directories in the order given,
 // files within one directory by name.
 //
-// Look-ups are made per request: the process is inspected anew each time and nothing about
-// it is remembered, so a process that exec()s something else gets the new identity. After
-// inspecting /proc the token is checked to be still alive, so a pid reused in the meantime
-// cannot lend its identity. A token that is not alive identifies nothing.
+// Look-ups are made per request, and a process that exec()s something else gets the new
+// identity from its next look-up on. The first look-up through a token inspects the process
+// in full; what it found is kept with the token (AuditToken::identityMemo, tokens with a
+// pidfd only), and later look-ups through that token check it instead: that the manifests
+// are the ones it was judged on, that the process still runs the very same file (device and
+// inode of /proc/<pid>/exe) and, for a process known by its executable, that the listed path
+// still leads to that file. Anything else means a full inspection. After reading /proc the
+// token is checked to be still alive, so a pid reused in the meantime cannot lend its
+// identity. A token that is not alive identifies nothing.
 //
 // Manifests are current on every look-up: an added, removed, renamed, edited, chmod'ed or
 // chown'ed manifest counts from the very next look-up on. The directories are watched
@@ -40,6 +45,8 @@
 // Failure: look-ups answer nothing (nullopt, a null Value); the reasons go to the log.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <memory>
 #include <mutex>
@@ -56,6 +63,24 @@
 #include "platform/value/Value.h"
 
 namespace daskel::platform {
+
+class ApplicationRegistry;
+
+// What a look-up found out about a process, kept with its token for the next look-up to
+// check (see ApplicationRegistry).
+struct ProcessIdentityMemo {
+  using Applications = std::vector<std::shared_ptr<const Application>>;
+  const ApplicationRegistry* registry = nullptr;
+  // The applications of the scan it was judged on, held so that no later scan can reuse
+  // their address.
+  std::shared_ptr<const Applications> applications;
+  // The file the process ran.
+  dev_t device = 0;
+  ino_t inode = 0;
+  // For a process known by its executable, the listed path that led to that file.
+  std::optional<std::string> listedExecutable;
+  std::shared_ptr<const Application> application;
+};
 
 class ApplicationRegistry {
  public:
@@ -89,7 +114,7 @@ class ApplicationRegistry {
     // The application, or why the manifest is ignored.
     Result<std::shared_ptr<const Application>> application;
   };
-  using Applications = std::vector<std::shared_ptr<const Application>>;
+  using Applications = ProcessIdentityMemo::Applications;
 
   // The directories searched now.
   std::vector<std::string> searchDirectories() const;
@@ -104,10 +129,18 @@ class ApplicationRegistry {
   // The application the token's process is, as cached, or null: current manifests, and the
   // token alive after /proc was read.
   std::shared_ptr<const Application> identify(const AuditToken& token) const;
-  // The first of `applications` that the process now holding the token's pid is, or null.
+  // The first of `applications` that the process now holding the token's pid is, or null;
+  // on a match, `*memo` receives what a later look-up needs to recall it.
   // Reads /proc by pid: the caller checks the token is alive afterwards.
   std::shared_ptr<const Application> inspectProcess(const AuditToken& token,
-                                                    const Applications& applications) const;
+                                                    const Applications& applications,
+                                                    ProcessIdentityMemo* memo) const;
+  // The application the token's memo names, when the memo still holds for `applications`
+  // and the process holding the token's pid now; else null.
+  // Reads /proc by pid: the caller checks the token is alive afterwards.
+  std::shared_ptr<const Application> recall(
+      const AuditToken& token,
+      const std::shared_ptr<const Applications>& applications) const;
 
   // nullopt: DASKEL_APPLICATIONS_PATH.
   const std::optional<std::vector<std::string>> directories_;

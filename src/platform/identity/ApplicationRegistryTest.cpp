@@ -289,7 +289,10 @@ TEST_F(ApplicationRegistryTest, AnExecutableDeletedAndReplacedWhileRunningNoLong
   writeAlphaAndBetaManifests();
   ApplicationRegistry registry({apps_.string()});
   AuditToken before = tokenOf(run(alpha_));
+  // The second look-up leaves what it found with the token; that must not outlive the file.
   ASSERT_EQ(registry.bundleIdentifier(before), "com.example.alpha");
+  ASSERT_EQ(registry.bundleIdentifier(before), "com.example.alpha");
+  ASSERT_TRUE(before.identityMemo());
 
   ASSERT_TRUE(fs::remove(alpha_));
   installProgram(alpha_);
@@ -307,6 +310,9 @@ TEST_F(ApplicationRegistryTest, ADeadProcessHasNoIdentityEvenBeforeItIsReaped) {
     TestPeerProcess* child = run(alpha_);
     AuditToken token = tokenOf(child, use);
     ASSERT_EQ(registry.bundleIdentifier(token), "com.example.alpha");
+    ASSERT_EQ(registry.bundleIdentifier(token), "com.example.alpha");
+    // Only a token that pins its process keeps what a look-up found.
+    EXPECT_EQ(token.identityMemo() != nullptr, token.hasPidfd());
 
     child->kill(SIGKILL);
     ASSERT_TRUE(child->waitUntilExited());
@@ -367,8 +373,11 @@ TEST_F(ApplicationRegistryTest, AProcessIsWhatItRunsNowNotWhatItWasWhenItConnect
       TestPeerProcess::start(listener_, {.program = alpha_, .arguments = {"600"}, .gated = true});
   ASSERT_TRUE(child);
   AuditToken token = tokenOf(child.get());
-  // Connected, and still this test program's image until the gate opens.
+  // Connected, and still this test program's image until the gate opens; asked twice, so
+  // that the token remembers it.
   EXPECT_EQ(registry.bundleIdentifier(token), "com.example.tests");
+  EXPECT_EQ(registry.bundleIdentifier(token), "com.example.tests");
+  ASSERT_TRUE(token.identityMemo());
 
   child->openGate();
   ASSERT_TRUE(child->waitForExecutable(alpha_));

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "platform/identity/ProcessInfo.h"
@@ -51,7 +52,7 @@ std::optional<AuditToken> AuditToken::fromSocket(int fd, PidfdUse use) {
     int flags = ::fcntl(pidfd, F_GETFD);
     if (flags >= 0 && !(flags & FD_CLOEXEC))
       ::fcntl(pidfd, F_SETFD, flags | FD_CLOEXEC);
-    token.pidfd_ = std::make_shared<const ScopedFd>(pidfd);
+    token.pinned_ = std::make_shared<Pinned>(pidfd);
   };
 
   bool openByPid = use == PidfdUse::OpenedByPid;
@@ -109,7 +110,7 @@ void AuditToken::pinByPid() {
   // is exact.
   const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
   if (pidfd >= 0) {
-    pidfd_ = std::make_shared<const ScopedFd>(pidfd);  // pidfd_open makes it close-on-exec
+    pinned_ = std::make_shared<Pinned>(pidfd);  // pidfd_open makes it close-on-exec
     return;
   }
   if (errno == ESRCH) {
@@ -125,17 +126,38 @@ void AuditToken::pinByPid() {
   }
 }
 
+struct AuditToken::Pinned {
+  explicit Pinned(int fd) : pidfd(fd) {}
+  const ScopedFd pidfd;
+  std::mutex mutex;
+  std::shared_ptr<const ProcessIdentityMemo> memo;
+};
+
+std::shared_ptr<const ProcessIdentityMemo> AuditToken::identityMemo() const {
+  if (!pinned_)
+    return nullptr;
+  std::lock_guard lock(pinned_->mutex);
+  return pinned_->memo;
+}
+
+void AuditToken::setIdentityMemo(std::shared_ptr<const ProcessIdentityMemo> memo) const {
+  if (!pinned_)
+    return;
+  std::lock_guard lock(pinned_->mutex);
+  pinned_->memo = std::move(memo);
+}
+
 int AuditToken::pidfd() const {
-  return pidfd_ ? pidfd_->get() : -1;
+  return pinned_ ? pinned_->pidfd.get() : -1;
 }
 
 bool AuditToken::isAlive() const {
   if (goneAtAccept_)
     return false;
-  if (pidfd_) {
+  if (pinned_) {
     // A pidfd becomes readable when its process exits (and reports a hang-up once it is
     // reaped), so any event means the process is gone.
-    struct pollfd poll = {pidfd_->get(), POLLIN, 0};
+    struct pollfd poll = {pinned_->pidfd.get(), POLLIN, 0};
     int ready;
     do {
       ready = ::poll(&poll, 1, 0);

@@ -16,10 +16,16 @@
 // A process that exited (a zombie included) has no identity: look-ups through a token that
 // is not alive answer nothing.
 //
-// Ownership: the token owns its pidfd, shared between copies; the last copy closes it.
-// Copies are cheap.
+// A token with a pidfd also carries what an identity look-up found out about its process
+// (identityMemo), so that later look-ups through the same connection can check that rather
+// than find it out again. Without a pidfd it carries none: the pid might meanwhile name
+// another process.
 //
-// THREADING NOTES: immutable after creation; every member may be called from any thread.
+// Ownership: the token owns its pidfd and its memo, shared between copies; the last copy
+// closes the pidfd. Copies are cheap.
+//
+// THREADING NOTES: immutable after creation apart from the memo, which is replaced whole
+// under a lock; every member may be called from any thread.
 // Failure: fromSocket returns nullopt when the socket has no peer credentials (not a Unix
 // socket, not connected), with an error line naming the descriptor and errno text.
 #pragma once
@@ -34,6 +40,8 @@
 namespace daskel::platform {
 
 class ScopedFd;
+// What ApplicationRegistry learnt about a token's process (ApplicationRegistry.h).
+struct ProcessIdentityMemo;
 
 class AuditToken {
  public:
@@ -59,7 +67,7 @@ class AuditToken {
   gid_t gid() const { return gid_; }
 
   // Whether the token holds a pidfd of its process.
-  bool hasPidfd() const { return pidfd_ != nullptr; }
+  bool hasPidfd() const { return pinned_ != nullptr; }
   // The pidfd, borrowed from the token (valid while a copy lives), or -1 without one.
   int pidfd() const;
 
@@ -71,6 +79,12 @@ class AuditToken {
   // "pid 1234 uid 1000 gid 1000"; what "%@" prints.
   std::string description() const;
 
+  // What the last identity look-up through this token (or a copy) left for the next one;
+  // null when there is none, or the token has no pidfd.
+  std::shared_ptr<const ProcessIdentityMemo> identityMemo() const;
+  // Replaces the memo; ignored for a token without a pidfd.
+  void setIdentityMemo(std::shared_ptr<const ProcessIdentityMemo> memo) const;
+
  private:
   AuditToken(pid_t pid, uid_t uid, gid_t gid) : pid_(pid), uid_(uid), gid_(gid) {}
   // Pins the process by a pidfd opened by pid, else by its start time; marks the token gone
@@ -80,7 +94,10 @@ class AuditToken {
   pid_t pid_;
   uid_t uid_;
   gid_t gid_;
-  std::shared_ptr<const ScopedFd> pidfd_;
+  // The pidfd, and the identity memo that is only trusted as long as the pidfd pins the
+  // process.
+  struct Pinned;
+  std::shared_ptr<Pinned> pinned_;
   // Without a pidfd: the start time (clock ticks after boot) read at accept time.
   std::optional<std::uint64_t> startTime_;
   // The peer had already gone when its connection was accepted.

@@ -602,7 +602,7 @@ pid_t IpcConnection::processIdentifier() const {
 
 Value IpcConnection::valueForEntitlement(std::string_view key) const {
   const auto& token = auditToken();
-  if (!token || !token->isAlive()) {
+  if (!token) {
     return Value();
   }
   std::shared_ptr<const IpcIdentityResolver> resolver;
@@ -612,6 +612,12 @@ Value IpcConnection::valueForEntitlement(std::string_view key) const {
   }
   if (!resolver) {
     resolver = IpcIdentityResolver::defaultResolver();
+  }
+  if (resolver->checksLiveness()) {
+    return resolver->valueForEntitlement(*token, key);
+  }
+  if (!token->isAlive()) {
+    return Value();
   }
   Value value = resolver->valueForEntitlement(*token, key);
   // The answer is about whoever held the pid while it was read; only a process still alive

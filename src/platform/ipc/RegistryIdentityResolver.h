@@ -24,6 +24,9 @@ class RegistryIdentityResolver final : public IpcIdentityResolver {
     return registry_->entitlementValue(token, key);
   }
 
+  // The registry answers nothing for a token that is not alive once /proc has been read.
+  bool checksLiveness() const override { return true; }
+
   const std::shared_ptr<const ApplicationRegistry>& registry() const { return registry_; }
 
  private:
