@@ -282,7 +282,6 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
       scheduleIdleStopIfIdleLocked();
   }
   if (error) {
-    extensionEnd.reset();
     // The extension has the request (or is about to); tell it that the request is over.
     if (beginSent)
       (void)process->sendCancel(uuid);

@@ -67,6 +67,19 @@ bool statRunningFile(pid_t pid, struct stat* running) {
   return ::stat(exeLink, running) == 0;
 }
 
+// Fills `memo` with a match: the application, the file the process runs and, for a process
+// known by its executable, the listed path that led there.
+void remember(ProcessIdentityMemo* memo,
+              const std::shared_ptr<const Application>& application,
+              const struct stat& running,
+              const std::string* listedExecutable) {
+  memo->application = application;
+  memo->device = running.st_dev;
+  memo->inode = running.st_ino;
+  if (listedExecutable)
+    memo->listedExecutable = *listedExecutable;
+}
+
 }  // namespace
 
 ApplicationRegistry::ApplicationRegistry() = default;
@@ -154,7 +167,7 @@ std::shared_ptr<const Application> ApplicationRegistry::recall(
     const AuditToken& token,
     const std::shared_ptr<const Applications>& applications) const {
   const auto memo = token.identityMemo();
-  if (!memo || memo->registry != this || memo->applications != applications)
+  if (!memo || memo->applications != applications)
     return nullptr;
   struct stat file;
   if (!statRunningFile(token.pid(), &file) || file.st_dev != memo->device ||
@@ -190,11 +203,8 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
       if (application->bundleIdentifier == **flatpakId) {
         // Remembered by the file it runs: running another means inspecting it again.
         struct stat running;
-        if (statRunningFile(pid, &running)) {
-          memo->device = running.st_dev;
-          memo->inode = running.st_ino;
-          memo->application = application;
-        }
+        if (statRunningFile(pid, &running))
+          remember(memo, application, running, nullptr);
         return application;
       }
     }
@@ -234,10 +244,7 @@ std::shared_ptr<const Application> ApplicationRegistry::inspectProcess(
   for (const auto& application : applications) {
     for (const std::string& listed : application->executables) {
       if (isListedExecutable(listed, running, *executable)) {
-        memo->device = running.st_dev;
-        memo->inode = running.st_ino;
-        memo->listedExecutable = listed;
-        memo->application = application;
+        remember(memo, application, running, &listed);
         return application;
       }
     }
@@ -275,7 +282,6 @@ std::shared_ptr<const Application> ApplicationRegistry::identify(const AuditToke
       return nullptr;
     if (unchanged && token.hasPidfd()) {
       if (memo.application) {
-        memo.registry = this;
         memo.applications = std::move(applications);
         token.setIdentityMemo(std::make_shared<const ProcessIdentityMemo>(std::move(memo)));
       }

@@ -64,15 +64,12 @@
 
 namespace daskel::platform {
 
-class ApplicationRegistry;
-
 // What a look-up found out about a process, kept with its token for the next look-up to
 // check (see ApplicationRegistry).
 struct ProcessIdentityMemo {
   using Applications = std::vector<std::shared_ptr<const Application>>;
-  const ApplicationRegistry* registry = nullptr;
-  // The applications of the scan it was judged on, held so that no later scan can reuse
-  // their address.
+  // The applications of the scan it was judged on, which belong to one registry. Held, so
+  // that no later scan can reuse their address.
   std::shared_ptr<const Applications> applications;
   // The file the process ran.
   dev_t device = 0;
