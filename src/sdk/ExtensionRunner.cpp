@@ -214,8 +214,9 @@ void ExtensionRunner::begin(const std::shared_ptr<Requests>& requests,
     requests->open.emplace(uuid, connection);
   }
   DKLogDebug("Serving request %@", uuid);
-  // The daemon sends the request right behind the begin packet: serve it before whatever
-  // else is ready (the end of the previous request, usually).
+  // The daemon usually sends the request right behind the begin packet: serve it before
+  // whatever else is ready (the end of the previous request, usually). A request the daemon
+  // hands over ahead of need has nothing to read yet; that costs one empty read.
   connection->resume(IpcConnection::PeerInput::Sent);
 }
 

@@ -128,6 +128,10 @@ ExtensionSupervisor::~ExtensionSupervisor() {
       (void)process->sendCancel(uuid);
     request.connection->invalidate();
   }
+  if (standby_) {
+    ExtensionProcess* const owner = standby_->generation == generation_ ? process_.get() : nullptr;
+    discardStandby(std::move(*standby_), owner);
+  }
   if (process_)
     process_->stop();
 }
@@ -157,6 +161,8 @@ bool ExtensionSupervisor::isEqual(const AppExtension& other) const {
 
 void ExtensionSupervisor::beginRequest(BeginRequestCompletion completion) {
   std::unique_lock lock(mutex_);
+  if (process_ && processReady_ && beginOnStandby(lock, completion))
+    return;
   if (process_ && processReady_) {
     auto process = process_;
     const std::uint64_t generation = generation_;
@@ -204,57 +210,60 @@ void ExtensionSupervisor::beginRequest(BeginRequestCompletion completion) {
   waiters_.push_back(std::move(completion));
 }
 
+ExtensionSupervisor::Handover ExtensionSupervisor::handOver(ExtensionProcess& process) {
+  Handover request;
+  request.uuid = ExtensionControlChannel::makeRequestUuid();
+  int fds[2];
+  if (const int failed = spareSocketPair().take(fds); failed != 0) {
+    request.error = IpcError(IpcErrorCode::ConnectionInvalid,
+                             "Cannot open a request to extension " + process.description() +
+                                 ": socketpair: " + std::strerror(failed));
+    return request;
+  }
+  // The begin packet goes first, so that the extension takes up its end while this side
+  // sets up its connection. Whatever the extension sends meanwhile waits in the socket.
+  request.extensionEnd = ScopedFd(fds[1]);
+  if (auto sent = process.sendBegin(request.uuid, request.extensionEnd.get()); !sent) {
+    request.error =
+        IpcError(IpcErrorCode::ConnectionInvalid, "Cannot hand request " + request.uuid +
+                                                      " to extension " + process.description() +
+                                                      ": " + sent.error()->localizedDescription());
+    ::close(fds[0]);
+    return request;
+  }
+  request.beginSent = true;
+  // adoptSocket owns the descriptor from now on, and closes it if it fails.
+  // The socketpair above is blocking and close-on-exec.
+  auto adopted = IpcConnection::adoptSocket(
+      fds[0], "request " + request.uuid + " to extension " + record_->identifier(),
+      /*alreadyBlockingCloseOnExec=*/true);
+  if (!adopted) {
+    request.error = adopted.error();
+    return request;
+  }
+  request.connection = std::move(*adopted);
+  request.connection->setExportedInterface(hostInterface_);
+  request.connection->setExportedObject(noHostOperations());
+  request.connection->setRemoteInterface(vendorInterface_);
+  std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
+  request.connection->setInvalidationHandler([weak, uuid = request.uuid] {
+    if (auto self = weak.lock())
+      self->requestConnectionClosed(uuid);
+  });
+  return request;
+}
+
 void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& process,
                                       std::uint64_t generation,
                                       BeginRequestCompletion completion,
                                       bool completeInline) {
-  const std::string uuid = ExtensionControlChannel::makeRequestUuid();
-  ErrorPtr error;
-  std::shared_ptr<IpcConnection> connection;
-
-  bool beginSent = false;
-  // Our copy of the extension's end. Closing it, like starting to read our own end, waits
-  // until the request's message has gone out: neither is needed before the extension answers.
-  ScopedFd extensionEnd;
-  int fds[2];
-  if (const int failed = spareSocketPair().take(fds); failed != 0) {
-    error = IpcError(IpcErrorCode::ConnectionInvalid,
-                     "Cannot open a request to extension " + process->description() +
-                         ": socketpair: " + std::strerror(failed));
-  } else {
-    // The begin packet goes first, so that the extension takes up its end while this side
-    // sets up its connection. Whatever the extension sends meanwhile waits in the socket.
-    extensionEnd = ScopedFd(fds[1]);
-    if (auto sent = process->sendBegin(uuid, extensionEnd.get()); !sent) {
-      error = IpcError(IpcErrorCode::ConnectionInvalid,
-                       "Cannot hand request " + uuid + " to extension " +
-                           process->description() + ": " + sent.error()->localizedDescription());
-    }
-    if (error) {
-      ::close(fds[0]);
-    } else {
-      beginSent = true;
-      // adoptSocket owns the descriptor from now on, and closes it if it fails.
-      // The socketpair above is blocking and close-on-exec.
-      auto adopted = IpcConnection::adoptSocket(
-          fds[0], "request " + uuid + " to extension " + record_->identifier(),
-          /*alreadyBlockingCloseOnExec=*/true);
-      if (!adopted) {
-        error = adopted.error();
-      } else {
-        connection = std::move(*adopted);
-        connection->setExportedInterface(hostInterface_);
-        connection->setExportedObject(noHostOperations());
-        connection->setRemoteInterface(vendorInterface_);
-        std::weak_ptr<ExtensionSupervisor> weak = weak_from_this();
-        connection->setInvalidationHandler([weak, uuid] {
-          if (auto self = weak.lock())
-            self->requestConnectionClosed(uuid);
-        });
-      }
-    }
-  }
-
+  // Our copy of the extension's end (in `request`) is closed, like our own end starts being
+  // read, only once the request's message has gone out: neither is needed before the
+  // extension answers.
+  Handover request = handOver(*process);
+  const std::string& uuid = request.uuid;
+  const std::shared_ptr<IpcConnection>& connection = request.connection;
+  ErrorPtr error = std::move(request.error);
   {
     std::lock_guard lock(mutex_);
     if (generation == generation_ && pendingOpens_ > 0)
@@ -283,7 +292,7 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
   }
   if (error) {
     // The extension has the request (or is about to); tell it that the request is over.
-    if (beginSent)
+    if (request.beginSent)
       (void)process->sendCancel(uuid);
     if (connection)
       connection->invalidate();
@@ -305,8 +314,81 @@ void ExtensionSupervisor::openRequest(const std::shared_ptr<ExtensionProcess>& p
     connection->resume();
     complete(std::move(completion), uuid, nullptr);
   }
-  extensionEnd.reset();
+  request.extensionEnd.reset();
+  prepareStandby(process, generation);
   spareSocketPair().replenish();
+}
+
+bool ExtensionSupervisor::beginOnStandby(std::unique_lock<std::mutex>& lock,
+                                         BeginRequestCompletion& completion) {
+  if (!standby_)
+    return false;
+  Standby standby = std::move(*standby_);
+  standby_.reset();
+  std::shared_ptr<ExtensionProcess> process = process_;
+  const std::uint64_t generation = generation_;
+  // Only this side closes a standby connection, as it is not read yet; one closed is one
+  // whose process went, and a process that exited is about to be forgotten.
+  if (standby.generation != generation || !standby.connection->isValid() || process->hasExited()) {
+    lock.unlock();
+    discardStandby(std::move(standby), process.get());
+    lock.lock();
+    return false;
+  }
+  requests_.emplace(standby.uuid, Request{standby.connection,
+                                          std::make_shared<RequestContext>(standby.connection),
+                                          process, generation});
+  lock.unlock();
+  DKLogDebug("Began request %s to extension %@", standby.uuid, *process);
+  completion(standby.uuid, nullptr);
+  standby.connection->resume();
+  prepareStandby(process, generation);
+  spareSocketPair().replenish();
+  return true;
+}
+
+void ExtensionSupervisor::prepareStandby(const std::shared_ptr<ExtensionProcess>& process,
+                                         std::uint64_t generation) {
+  {
+    std::lock_guard lock(mutex_);
+    if (generation != generation_ || process_ != process || !processReady_ || standby_ ||
+        preparingStandby_)
+      return;
+    preparingStandby_ = true;
+  }
+  Handover request = handOver(*process);
+  request.extensionEnd.reset();
+  std::optional<Standby> unused;
+  {
+    std::lock_guard lock(mutex_);
+    preparingStandby_ = false;
+    if (request.error) {
+      // Whatever failed fails the next request again, which reports it.
+    } else if (generation == generation_ && process_ == process && !standby_ &&
+               !process->hasExited()) {
+      standby_ = Standby{request.uuid, request.connection, generation};
+    } else {
+      unused = Standby{request.uuid, request.connection, generation};
+    }
+  }
+  if (request.error) {
+    DKLogDebug("Cannot hand the next request to extension %@ ahead of need: %@", *process,
+               request.error);
+    if (request.beginSent)
+      (void)process->sendCancel(request.uuid);
+    if (request.connection)
+      request.connection->invalidate();
+  } else if (unused) {
+    discardStandby(std::move(*unused), process.get());
+  }
+}
+
+void ExtensionSupervisor::discardStandby(Standby standby, ExtensionProcess* process) {
+  if (process && !process->hasExited())
+    (void)process->sendCancel(standby.uuid);
+  // Not among the requests: its close has nothing to report.
+  standby.connection->setInvalidationHandler(nullptr);
+  standby.connection->invalidate();
 }
 
 void ExtensionSupervisor::complete(BeginRequestCompletion completion,
@@ -378,22 +460,38 @@ void ExtensionSupervisor::processReady(std::uint64_t generation) {
 }
 
 void ExtensionSupervisor::processControlClosed(std::uint64_t generation) {
-  std::lock_guard lock(mutex_);
-  // Before it was ready, waiters keep waiting for the exit status (or the kill) to say why.
-  // Once ready, new requests go to a new process; open ones stay until their connections
-  // close or the old process is reaped.
-  if (generation == generation_ && process_ && processReady_) {
-    process_.reset();
-    processReady_ = false;
+  std::optional<Standby> standby;
+  {
+    std::lock_guard lock(mutex_);
+    // Before it was ready, waiters keep waiting for the exit status (or the kill) to say
+    // why. Once ready, new requests go to a new process; open ones stay until their
+    // connections close or the old process is reaped.
+    if (generation == generation_ && process_ && processReady_) {
+      process_.reset();
+      processReady_ = false;
+    }
+    standby = takeStandbyLocked(generation);
   }
+  // No cancel: the control socket it would go through is closed.
+  if (standby)
+    discardStandby(std::move(*standby), nullptr);
+}
+
+std::optional<ExtensionSupervisor::Standby> ExtensionSupervisor::takeStandbyLocked(
+    std::uint64_t generation) {
+  if (!standby_ || standby_->generation != generation)
+    return std::nullopt;
+  return std::exchange(standby_, std::nullopt);
 }
 
 void ExtensionSupervisor::processExited(std::uint64_t generation, const std::string& reason) {
   std::vector<BeginRequestCompletion> waiters;
   std::vector<std::shared_ptr<IpcConnection>> orphans;
   std::string description;
+  std::optional<Standby> standby;
   {
     std::lock_guard lock(mutex_);
+    standby = takeStandbyLocked(generation);
     if (generation == generation_ && process_) {
       description = process_->description();
       if (!processReady_) {
@@ -412,6 +510,8 @@ void ExtensionSupervisor::processExited(std::uint64_t generation, const std::str
       }
     }
   }
+  if (standby)
+    discardStandby(std::move(*standby), nullptr);
   for (BeginRequestCompletion& waiter : waiters) {
     complete(std::move(waiter), "",
              IpcError(IpcErrorCode::ConnectionInterrupted,
@@ -474,6 +574,7 @@ void ExtensionSupervisor::armIdleTimerLocked(std::chrono::steady_clock::duration
 
 void ExtensionSupervisor::idleTimerFired() {
   std::shared_ptr<ExtensionProcess> process;
+  std::optional<Standby> standby;
   {
     std::lock_guard lock(mutex_);
     idleTimerArmed_ = false;
@@ -490,7 +591,10 @@ void ExtensionSupervisor::idleTimerFired() {
     process = std::move(process_);
     process_.reset();
     processReady_ = false;
+    standby = takeStandbyLocked(generation_);
   }
+  if (standby)
+    discardStandby(std::move(*standby), process.get());
   stopIdleProcess(*process);
 }
 
@@ -502,6 +606,7 @@ void ExtensionSupervisor::stopIdleProcess(ExtensionProcess& process) {
 
 void ExtensionSupervisor::idleTimeElapsed(std::uint64_t generation, std::uint64_t token) {
   std::shared_ptr<ExtensionProcess> process;
+  std::optional<Standby> standby;
   {
     std::lock_guard lock(mutex_);
     if (generation != generation_ || token != idleToken_ || !currentProcessIsIdleLocked())
@@ -509,7 +614,10 @@ void ExtensionSupervisor::idleTimeElapsed(std::uint64_t generation, std::uint64_
     process = std::move(process_);
     process_.reset();
     processReady_ = false;
+    standby = takeStandbyLocked(generation_);
   }
+  if (standby)
+    discardStandby(std::move(*standby), process.get());
   stopIdleProcess(*process);
 }
 

@@ -8,6 +8,11 @@
 // - beginRequest() launches it if none runs; requests arriving while it starts wait for the
 //   same launch. If it cannot be started, exits or closes its control socket before it is
 //   ready, or is not ready in time, every waiting request fails with the reason.
+// - Once a request has begun on a running process, the next one is handed over ahead of
+//   need: its begin packet goes out while the extension works on the current one, and the
+//   next beginRequest() takes it up with no packet and no new socket on its way. Until it is
+//   taken it is no open request (openRequestCount(), idleness); it is cancelled when the
+//   process stops or is replaced, and lost with a process that dies.
 // - A request ends by cancelRequest() ({"cancel": uuid}, then the connection is closed), or
 //   when its connection closes by itself (a cancel is still sent while the process runs).
 // - With no open request for the idle time, the process is stopped (control socket closed,
@@ -48,6 +53,7 @@
 #include "platform/extensions/AppExtension.h"
 #include "platform/extensions/ExtensionProcess.h"
 #include "platform/extensions/PluginRecord.h"
+#include "platform/identity/ScopedFd.h"
 
 namespace daskel::platform {
 
@@ -92,6 +98,21 @@ class ExtensionSupervisor final : public AppExtension,
     std::weak_ptr<ExtensionProcess> process;
     std::uint64_t generation;
   };
+  // A request handed to the extension: its begin packet has gone out (when beginSent) and
+  // this side's connection is set up but not yet reading.
+  struct Handover {
+    std::string uuid;
+    std::shared_ptr<IpcConnection> connection;
+    ScopedFd extensionEnd;  // our copy of the extension's end
+    bool beginSent = false;
+    ErrorPtr error;
+  };
+  // The request handed over ahead of need to process_ (launch `generation`).
+  struct Standby {
+    std::string uuid;
+    std::shared_ptr<IpcConnection> connection;
+    std::uint64_t generation;
+  };
 
   ExtensionSupervisor(std::shared_ptr<const PluginRecord> record,
                       ExtensionSupervisorOptions options);
@@ -104,6 +125,15 @@ class ExtensionSupervisor final : public AppExtension,
                    BeginRequestCompletion completion,
                    bool completeInline);
   void complete(BeginRequestCompletion completion, std::string uuid, ErrorPtr error);
+  Handover handOver(ExtensionProcess& process);
+  // Takes up the standby request for `completion` when there is a usable one. Called with
+  // `lock` held on a ready process_; returns with it released when it took the standby.
+  bool beginOnStandby(std::unique_lock<std::mutex>& lock, BeginRequestCompletion& completion);
+  // Hands the next request over to `process` ahead of need, unless one is already.
+  void prepareStandby(const std::shared_ptr<ExtensionProcess>& process, std::uint64_t generation);
+  // Ends a standby request nobody will take: cancelled when `process` can still hear it.
+  static void discardStandby(Standby standby, ExtensionProcess* process);
+  std::optional<Standby> takeStandbyLocked(std::uint64_t generation);
 
   // ExtensionProcess callbacks.
   void processReady(std::uint64_t generation);
@@ -142,6 +172,8 @@ class ExtensionSupervisor final : public AppExtension,
   bool idleTimerArmed_ = false;                     // with clock_: the one idle timer
   std::chrono::steady_clock::time_point idleSince_;  // with clock_: when process_ went idle
   std::map<std::string, Request> requests_;
+  std::optional<Standby> standby_;
+  bool preparingStandby_ = false;
 };
 
 }  // namespace daskel::platform

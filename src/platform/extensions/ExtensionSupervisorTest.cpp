@@ -1,5 +1,6 @@
 #include "platform/extensions/ExtensionSupervisor.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <set>
@@ -155,14 +156,63 @@ TEST_F(ExtensionSupervisorTest, CancellingTellsTheExtensionAndClosesTheRequestOn
            countEvents(bundle_, "cancel " + begun.uuid) == 1;
   }));
   // A second cancel and an unknown one are ignored: nothing is sent for them. The extension
-  // reads its control packets in order, so once it has seen a later begin, it has seen
-  // anything sent before it.
+  // reads its control packets in order, so once it has seen a begin sent after them, it has
+  // seen anything sent before it. The later request is the one handed over after the first
+  // began; taking it up hands over a third, whose begin follows the cancels.
   supervisor->cancelRequest(begun.uuid);
   supervisor->cancelRequest(ExtensionControlChannel::makeRequestUuid());
   BeginOutcome later = beginAndWait(*supervisor);
   ASSERT_EQ(later.error, nullptr);
-  ASSERT_TRUE(waitUntil([&] { return countEvents(bundle_, "begin " + later.uuid) == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return countEvents(bundle_, "begin ") == 3; }));
   EXPECT_EQ(countEvents(bundle_, "cancel"), 1u);
+}
+
+// The request after one that began on a running process is handed over while the extension
+// works: the next beginRequest() takes it up without a begin packet on its way.
+TEST_F(ExtensionSupervisorTest,
+       TheNextRequestIsHandedOverAheadOfNeedAndCancelledWhenTheProcessStops) {
+  auto supervisor = supervisorFor("serve");
+  BeginOutcome first = beginAndWait(*supervisor);
+  ASSERT_EQ(first.error, nullptr);
+  const pid_t pid = remember(supervisor->processIdentifier());
+  ASSERT_TRUE(waitUntil([&] { return countEvents(bundle_, "begin ") == 2; }));
+  // The UUID of the latest request the extension saw begin.
+  auto latestBegun = [&] {
+    const auto lines = events(bundle_);
+    auto it = std::find_if(lines.rbegin(), lines.rend(),
+                           [](const std::string& line) { return line.starts_with("begin "); });
+    return it == lines.rend() ? std::string() : it->substr(std::string("begin ").size());
+  };
+  const std::string handedOver = latestBegun();
+  ASSERT_NE(handedOver, first.uuid);
+  // Not an open request until it is taken: it neither counts nor keeps the process busy.
+  EXPECT_EQ(supervisor->openRequestCount(), 1u);
+  EXPECT_EQ(supervisor->contextForRequest(handedOver), nullptr);
+
+  BeginOutcome second = beginAndWait(*supervisor);
+  ASSERT_EQ(second.error, nullptr);
+  EXPECT_EQ(second.uuid, handedOver);
+  EXPECT_EQ(echo(*supervisor, second.uuid, "taken up"), "taken up");
+  EXPECT_EQ(echo(*supervisor, first.uuid, "still open"), "still open");
+  EXPECT_EQ(supervisor->openRequestCount(), 2u);
+  ASSERT_TRUE(waitUntil([&] { return countEvents(bundle_, "begin ") == 3; }));
+  const std::string third = latestBegun();
+
+  // Idle with one handed over: the idle stop cancels it before closing the control socket.
+  supervisor->cancelRequest(first.uuid);
+  supervisor->cancelRequest(second.uuid);
+  EXPECT_EQ(supervisor->openRequestCount(), 0u);
+  scheduler_.advance(30s);
+  ASSERT_TRUE(waitUntil([&] { return processIsGone(pid); }));
+  EXPECT_EQ(countEvents(bundle_, "cancel " + third), 1u);
+  EXPECT_EQ(countEvents(bundle_, "begin "), 3u);
+
+  // The next request goes to a new process, which has nothing handed over yet.
+  BeginOutcome relaunched = beginAndWait(*supervisor);
+  ASSERT_EQ(relaunched.error, nullptr);
+  EXPECT_NE(remember(supervisor->processIdentifier()), pid);
+  EXPECT_NE(relaunched.uuid, third);
+  EXPECT_EQ(echo(*supervisor, relaunched.uuid, "new process"), "new process");
 }
 
 TEST_F(ExtensionSupervisorTest, ARequestTheExtensionClosesIsForgottenAndCancelledWithoutHelp) {
