@@ -1,8 +1,10 @@
 #include "platform/filesystem/FileSystem.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -68,6 +70,32 @@ std::optional<std::string> canonicalPathOfDescriptor(int fd) {
   return name;
 }
 
+// The canonical form of `path` when it is written plainly (no "." or "..") and reaches an
+// existing file through no symbolic link, as the paths of most items do: it is then its own
+// canonical form once doubled and trailing separators are dropped. One openat2() that refuses
+// every link answers that, without asking /proc/self/fd where an open() led. nullopt
+// otherwise; `openError` is set only for an error that open() would meet just the same (a
+// missing name or a file in place of a directory, reached before any link), and is 0 when the
+// general resolution below has to decide (a link on the way, a kernel without openat2).
+std::optional<std::string> resolvedLinkFreePath(const char* path, int* openError) {
+  std::string written;
+  if (path[0] != '/' || !appendNormalizedComponents(written, path)) {
+    return std::nullopt;
+  }
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  const long fd = ::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
+  if (fd < 0) {
+    if (errno == ENOENT || errno == ENOTDIR) {
+      *openError = errno;
+    }
+    return std::nullopt;
+  }
+  ::close(static_cast<int>(fd));
+  return written.empty() ? std::string("/") : written;
+}
+
 // The canonical form of `path` when all of it exists (the usual case): the kernel resolves
 // every component and symbolic link in one open(), and /proc/self/fd names where it ended,
 // so this costs three system calls rather than a stat and a readlink per component. nullopt
@@ -77,6 +105,12 @@ std::optional<std::string> canonicalPathOfDescriptor(int fd) {
 // decides.
 std::optional<std::string> resolvedExistingPath(const char* path, int* openError) {
   *openError = 0;
+  if (std::optional<std::string> linkFree = resolvedLinkFreePath(path, openError)) {
+    return linkFree;
+  }
+  if (*openError != 0) {
+    return std::nullopt;
+  }
   const int fd = ::open(path, O_PATH | O_CLOEXEC);
   if (fd < 0) {
     *openError = errno;
